@@ -1,0 +1,3 @@
+#include "core/lifecycle.h"
+
+int main(int argc, char **argv) { return zebusr_run(argc, argv); }
