@@ -40,6 +40,8 @@ void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, c
 
 // ZLOG(HIGH, "fmt", ...): the level word is HIGH, ERR, MED or LOW.
 #define ZLOG(level, ...) zebusr_log_write(ZEBUSR_LOG_##level, __func__, __LINE__, __VA_ARGS__)
+// For checks shared by several callers: the line names the caller, not the helper.
+#define ZLOG_AT(level, func, line, ...) zebusr_log_write(ZEBUSR_LOG_##level, func, line, __VA_ARGS__)
 
 void zebusr_start_logging(int signum);
 void zebusr_stop_logging(int signum);
