@@ -3,6 +3,13 @@
 
 #include "netlink/core_family.h"
 
+constexpr uint8_t DULOXUSR_RECORD_VALID = 1;
+
+// A count past the 32-entry list makes the whole record unusable.
+constexpr bool duloxusr_list_len_ok(uint16_t list_len) {
+    return list_len <= DULOXUSR_MAX_PIDS;
+}
+
 void *dulox_freq_boost_monitor(void *arg);
 int duloxusr_connect_loop(void);
 int duloxusr_connect_to_dulox_core(void);
