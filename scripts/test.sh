@@ -18,7 +18,7 @@ for preset in default asan; do
     ctest --preset "$preset" >"build/$preset/ctest-summary.txt" 2>&1
     rc=$?
     # Passing tests are one line each; show everything else.
-    grep -vE '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed' "build/$preset/ctest-summary.txt"
+    grep -vE '^ *([0-9]+/[0-9]+ Test +#[0-9]+: .* Passed|Start +[0-9]+:)' "build/$preset/ctest-summary.txt"
     [ $rc -eq 0 ] || status=1
 done
 

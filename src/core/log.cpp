@@ -5,7 +5,6 @@
 
 #include <cstdarg>
 
-
 std::atomic<uint8_t> log_enabled{1};
 std::atomic<uint8_t> verbose_log_enabled{0};
 std::atomic<uint8_t> csv_log_enabled{0};

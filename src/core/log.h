@@ -30,18 +30,21 @@ extern std::atomic<uint8_t> csv_log_enabled;
 extern std::atomic<FILE *> log_fp;
 extern std::atomic<FILE *> csv_fp;
 
-inline bool zebusr_verbose() { return verbose_log_enabled.load(std::memory_order_relaxed) != 0; }
+inline bool zebusr_verbose() {
+    return verbose_log_enabled.load(std::memory_order_relaxed) != 0;
+}
 
 // Fills `out` (ZEBUSR_STAMP_LEN bytes) with local "HH:MM:SS.uuuuuu".
 void zebusr_log_stamp(char *out);
 
-void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, const char *fmt,
-                      ...) __attribute__((format(printf, 4, 5)));
+void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
 
 // ZLOG(HIGH, "fmt", ...): the level word is HIGH, ERR, MED or LOW.
 #define ZLOG(level, ...) zebusr_log_write(ZEBUSR_LOG_##level, __func__, __LINE__, __VA_ARGS__)
 // For checks shared by several callers: the line names the caller, not the helper.
-#define ZLOG_AT(level, func, line, ...) zebusr_log_write(ZEBUSR_LOG_##level, func, line, __VA_ARGS__)
+#define ZLOG_AT(level, func, line, ...) \
+    zebusr_log_write(ZEBUSR_LOG_##level, func, line, __VA_ARGS__)
 
 void zebusr_start_logging(int signum);
 void zebusr_stop_logging(int signum);

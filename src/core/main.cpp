@@ -1,3 +1,5 @@
 #include "core/lifecycle.h"
 
-int main(int argc, char **argv) { return zebusr_run(argc, argv); }
+int main(int argc, char **argv) {
+    return zebusr_run(argc, argv);
+}

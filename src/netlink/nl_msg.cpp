@@ -63,8 +63,7 @@ int zebusr_create_genl_msg(zebusr_nl_msg *msg, uint16_t family_id, uint8_t cmd) 
     return 0;
 }
 
-void zebusr_nl_msg_put_attr(zebusr_nl_msg *msg, uint16_t type, const void *payload,
-                            uint16_t len) {
+void zebusr_nl_msg_put_attr(zebusr_nl_msg *msg, uint16_t type, const void *payload, uint16_t len) {
     zebusr_nlattr attr = {static_cast<uint16_t>(sizeof(zebusr_nlattr) + len), type};
     memcpy(msg->buf, &attr, sizeof(attr));
     memcpy(msg->buf + sizeof(attr), payload, len);

@@ -69,7 +69,9 @@ constexpr uint16_t ZEBUSR_NLMSG_ERROR = 2;
 constexpr uint8_t ZEBUSR_GENL_VERSION = 1;
 constexpr int ZEBUSR_RECV_TIMEOUT_SEC = 3;
 
-constexpr uint32_t zebusr_nla_align(uint32_t len) { return (len + 3U) & ~3U; }
+constexpr uint32_t zebusr_nla_align(uint32_t len) {
+    return (len + 3U) & ~3U;
+}
 
 // One more than the sequence number of the last message received.
 extern std::atomic<uint32_t> seq_num;
@@ -82,8 +84,7 @@ int zebusr_genl_recv_int_from_kernel(void);
 
 // Writes the message's single attribute at offset 20 and grows nlmsg_len.
 // Callers have already validated the message; `len` is the payload length.
-void zebusr_nl_msg_put_attr(zebusr_nl_msg *msg, uint16_t type, const void *payload,
-                            uint16_t len);
+void zebusr_nl_msg_put_attr(zebusr_nl_msg *msg, uint16_t type, const void *payload, uint16_t len);
 
 // The record setters of both families: refuse a null argument or a message
 // built for another family, then put the record as the one attribute.

@@ -7,7 +7,9 @@
 
 zebusr_ht_node *zebusr_ht_buckets[ZEBUSR_HT_NUM_BUCKETS] = {};
 
-int zebusr_ht_func(uint32_t hash) { return static_cast<int>(hash & ZEBUSR_HT_BUCKET_MASK); }
+int zebusr_ht_func(uint32_t hash) {
+    return static_cast<int>(hash & ZEBUSR_HT_BUCKET_MASK);
+}
 
 zebusr_ht_node *zebusr_ht_find_node(uint32_t hash) {
     int b = zebusr_ht_func(hash);
@@ -49,8 +51,7 @@ zebusr_ht_node *zebusr_ht_create_node(uint32_t hash) {
         return node;
     }
     zebusr_ht_node *tail = zebusr_ht_buckets[b];
-    while (tail->next)
-        tail = tail->next;
+    while (tail->next) tail = tail->next;
     tail->next = node;
     return node;
 }

@@ -42,8 +42,7 @@ static int zebusr_connect_open_tables(void) {
     for (int t = 0; t < ZEBUSR_NUM_TABLE_STEPS; t++) {
         if (zebusr_table_steps[t].init() != 0) {
             ZLOG(MED, "%s", zebusr_table_steps[t].failed);
-            for (int done = 0; done < t; done++)
-                zebusr_table_steps[done].deinit();
+            for (int done = 0; done < t; done++) zebusr_table_steps[done].deinit();
             zebusr_connect_abandon();
             return -1;
         }

@@ -64,18 +64,32 @@ void *zebusr_table_mmap(int fd) {
     return mmap(nullptr, page_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
-int zebusr_init_cap_file(void) { return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_CAP]); }
-int zebusr_init_gflow_file(void) { return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_GFLOW]); }
-int zebusr_init_ssflow_file(void) { return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]); }
+int zebusr_init_cap_file(void) {
+    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_CAP]);
+}
+int zebusr_init_gflow_file(void) {
+    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_GFLOW]);
+}
+int zebusr_init_ssflow_file(void) {
+    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]);
+}
 
-int zebusr_deinit_cap_file(void) { return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_CAP]); }
-int zebusr_deinit_gflow_file(void) { return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_GFLOW]); }
+int zebusr_deinit_cap_file(void) {
+    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_CAP]);
+}
+int zebusr_deinit_gflow_file(void) {
+    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_GFLOW]);
+}
 int zebusr_deinit_ssflow_file(void) {
     return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]);
 }
 
-int zebusr_munmap_caps(void) { return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_CAP]); }
-int zebusr_munmap_gflows(void) { return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_GFLOW]); }
+int zebusr_munmap_caps(void) {
+    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_CAP]);
+}
+int zebusr_munmap_gflows(void) {
+    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_GFLOW]);
+}
 int zebusr_munmap_ssflows(void) {
     return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]);
 }
