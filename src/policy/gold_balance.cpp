@@ -68,14 +68,8 @@ int zebusr_balance_gold_flows(void) {
     uint8_t seen[ZEBUSR_NUM_CPUS] = {};
 
     ZLOG(LOW, "################## GOLD BALANCE #################");
-    if (!cap_list) {
-        ZLOG(ERR, "cap_list is NULL");
+    if (ZEBUSR_GOLD_MAPS_MISSING())
         return -1;
-    }
-    if (!gflow_list) {
-        ZLOG(ERR, "gflow_list is NULL");
-        return -1;
-    }
 
     uint16_t n = gflow_list->list_len;
     // One bad entry disables balancing for the cycle, before any flow is read.

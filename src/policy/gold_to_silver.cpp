@@ -38,16 +38,22 @@ static int zebusr_gflow_offer_to_silver(const zebusr_gflow_info *flow) {
     return -1;
 }
 
-int zebusr_move_gold_flow_down_to_silver(void) {
-    ZLOG(LOW, "################## GOLD TO SILVER #################");
+bool zebusr_gold_maps_missing(const char *func, unsigned line) {
     if (!cap_list) {
-        ZLOG(ERR, "cap_list is NULL");
-        return -1;
+        ZLOG_AT(ERR, func, line, "cap_list is NULL");
+        return true;
     }
     if (!gflow_list) {
-        ZLOG(ERR, "gflow_list is NULL");
-        return -1;
+        ZLOG_AT(ERR, func, line, "gflow_list is NULL");
+        return true;
     }
+    return false;
+}
+
+int zebusr_move_gold_flow_down_to_silver(void) {
+    ZLOG(LOW, "################## GOLD TO SILVER #################");
+    if (ZEBUSR_GOLD_MAPS_MISSING())
+        return -1;
 
     uint16_t n = gflow_list->list_len;
     ZLOG(MED, "  num gold flows = %u", static_cast<unsigned>(n));

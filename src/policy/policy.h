@@ -12,3 +12,8 @@ int zebusr_try_to_move_flow(uint16_t cur_cpu, uint16_t dest_cpu, uint32_t hash, 
 int zebusr_move_loaded_silver_cpu_to_gold(void);
 int zebusr_move_gold_flow_down_to_silver(void);
 int zebusr_balance_gold_flows(void);
+
+// True, after an ERR line naming the caller, when the cycle's capacity or
+// gold flow mapping is missing.
+bool zebusr_gold_maps_missing(const char *func, unsigned line);
+#define ZEBUSR_GOLD_MAPS_MISSING() zebusr_gold_maps_missing(__func__, __LINE__)

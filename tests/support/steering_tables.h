@@ -4,16 +4,13 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 #include <vector>
 
 #include "test_support.h"
 
 namespace zt {
 
-constexpr size_t kCapEntry = 26;
-constexpr size_t kCapTableBytes = 8 * kCapEntry;  // 208
-constexpr size_t kFlowEntry = 30;
-constexpr size_t kFlowTableBytes = 2 + 128 * kFlowEntry;  // 3842
 constexpr uint16_t kZebFamily = 0x1d;
 
 struct Cap {
@@ -30,6 +27,13 @@ struct Flow {
     uint64_t rx_pps = 0;
     uint64_t rx_bps = 0;
 };
+
+// Entry i names cpus[i]; `pps` sets only pps_capacity and `avg`
+// only avg_pps_capacity, so a reader of the wrong field shows.
+std::vector<Cap> pps(const std::vector<uint64_t> &v,
+                     const std::vector<uint16_t> &cpus = {0, 1, 2, 3, 4, 5, 6, 7});
+std::vector<Cap> avg(const std::vector<uint64_t> &v,
+                     const std::vector<uint16_t> &cpus = {0, 1, 2, 3, 4, 5, 6, 7});
 
 // Exactly 208 bytes: entry i at 26 * i; entries past `caps` stay zero.
 Bytes cap_table(const std::vector<Cap> &caps);
@@ -52,5 +56,10 @@ std::ostream &operator<<(std::ostream &os, const Sugg &s);
 // Decodes every request: nlmsg_type @4, cmd @16, record at 24..35. A
 // request that is not 36 bytes long decodes with cmd 0xff.
 std::vector<Sugg> decode_suggestions(const std::vector<Bytes> &requests);
+
+// Every captured line as "LEVEL message", but those written by functions
+// whose names contain one of `skip`.
+std::vector<std::string> log_lines(const LogCapture &log,
+                                   const std::vector<std::string> &skip = {});
 
 }  // namespace zt

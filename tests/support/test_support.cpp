@@ -22,32 +22,34 @@ void put_u8(Bytes &b, size_t off, uint8_t v) {
 }
 
 void put_u16(Bytes &b, size_t off, uint16_t v) {
-    for (size_t i = 0; i < 2; i++)
-        put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+    for (size_t i = 0; i < 2; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
 }
 
 void put_u32(Bytes &b, size_t off, uint32_t v) {
-    for (size_t i = 0; i < 4; i++)
-        put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+    for (size_t i = 0; i < 4; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
 }
 
 void put_u64(Bytes &b, size_t off, uint64_t v) {
-    for (size_t i = 0; i < 8; i++)
-        put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+    for (size_t i = 0; i < 8; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
 }
 
 static uint64_t get_le(const Bytes &b, size_t off, size_t n) {
     if (off + n > b.size())
         throw std::out_of_range("read past the end of a test buffer");
     uint64_t v = 0;
-    for (size_t i = 0; i < n; i++)
-        v |= static_cast<uint64_t>(b[off + i]) << (8 * i);
+    for (size_t i = 0; i < n; i++) v |= static_cast<uint64_t>(b[off + i]) << (8 * i);
     return v;
 }
 
-uint16_t get_u16(const Bytes &b, size_t off) { return static_cast<uint16_t>(get_le(b, off, 2)); }
-uint32_t get_u32(const Bytes &b, size_t off) { return static_cast<uint32_t>(get_le(b, off, 4)); }
-uint64_t get_u64(const Bytes &b, size_t off) { return get_le(b, off, 8); }
+uint16_t get_u16(const Bytes &b, size_t off) {
+    return static_cast<uint16_t>(get_le(b, off, 2));
+}
+uint32_t get_u32(const Bytes &b, size_t off) {
+    return static_cast<uint32_t>(get_le(b, off, 4));
+}
+uint64_t get_u64(const Bytes &b, size_t off) {
+    return get_le(b, off, 8);
+}
 
 Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type, uint16_t attr_type) {
     Bytes b;
@@ -62,8 +64,7 @@ Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type, uint16_t attr_typ
     put_u8(b, 17, 1);
     put_u16(b, 20, static_cast<uint16_t>(nla_len));
     put_u16(b, 22, attr_type);
-    for (size_t i = 0; i < payload.size(); i++)
-        put_u8(b, 24 + i, payload[i]);
+    for (size_t i = 0; i < payload.size(); i++) put_u8(b, 24 + i, payload[i]);
     b.resize(total);
     return b;
 }
@@ -127,8 +128,7 @@ std::vector<LogLine> LogCapture::lines() const {
 
 std::vector<std::string> LogCapture::messages() const {
     std::vector<std::string> out;
-    for (const auto &l : lines())
-        out.push_back(l.message);
+    for (const auto &l : lines()) out.push_back(l.message);
     return out;
 }
 
@@ -140,12 +140,13 @@ std::vector<std::string> LogCapture::messages(const std::string &level) const {
     return out;
 }
 
-bool LogCapture::contains(const std::string &message) const { return count(message) > 0; }
+bool LogCapture::contains(const std::string &message) const {
+    return count(message) > 0;
+}
 
 size_t LogCapture::count(const std::string &message) const {
     size_t n = 0;
-    for (const auto &m : messages())
-        n += (m == message);
+    for (const auto &m : messages()) n += (m == message);
     return n;
 }
 
@@ -183,7 +184,9 @@ void FakeKernel::queue(const Bytes &datagram) {
         throw std::runtime_error("queue reply");
 }
 
-void FakeKernel::queue_code(int32_t code) { queue(int_reply(next_seq++, code)); }
+void FakeKernel::queue_code(int32_t code) {
+    queue(int_reply(next_seq++, code));
+}
 
 std::vector<Bytes> FakeKernel::requests() {
     std::vector<Bytes> out;

@@ -36,7 +36,7 @@ struct LogLine {
 
 // Points log_fp at a temporary file for the life of the object.
 class LogCapture {
-  public:
+   public:
     explicit LogCapture(bool verbose = true);
     ~LogCapture();
     std::string text() const;
@@ -47,14 +47,14 @@ class LogCapture {
     size_t count(const std::string &message) const;
     void clear();
 
-  private:
+   private:
     std::string path_;
 };
 
 // A kernel stand-in: the daemon end of a SOCK_SEQPACKET socketpair goes into
 // the socket global the test names; the test plays the kernel on the other.
 class FakeKernel {
-  public:
+   public:
     explicit FakeKernel(int *daemon_fd_global, int recv_timeout_ms = 300);
     ~FakeKernel();
     // Replies are queued before the call under test; each receive takes one.
@@ -66,7 +66,7 @@ class FakeKernel {
     int daemon_fd() const { return daemon_fd_; }
     uint32_t next_seq = 100;
 
-  private:
+   private:
     int *global_;
     int saved_;
     int daemon_fd_;

@@ -14,6 +14,8 @@
 
 namespace {
 
+using Msgs = std::vector<std::string>;
+
 bool fd_open(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
@@ -31,14 +33,12 @@ class BoostConnectTest : public ::testing::Test {
             close(steering_[0]);
         close(steering_[1]);
     }
+    zt::LogCapture log{true};
     int steering_[2] = {-1, -1};
 };
 
 TEST_F(BoostConnectTest, FailedLookupClosesTheSteeringSocketAndKeepsTheCoreOne) {
-    zt::LogCapture log{true};
-
     EXPECT_EQ(duloxusr_connect_to_dulox_core(), -1);
-
     EXPECT_FALSE(fd_open(steering_[0]));
     EXPECT_NE(duloxusr_genl_sk_fd, steering_[0]);
     EXPECT_TRUE(fd_open(duloxusr_genl_sk_fd));
@@ -48,24 +48,21 @@ TEST_F(BoostConnectTest, FailedLookupClosesTheSteeringSocketAndKeepsTheCoreOne) 
 }
 
 TEST_F(BoostConnectTest, MonitorEndsOnlyItsThreadAfterThirtyAttempts) {
-    zt::LogCapture log{true};
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, dulox_freq_boost_monitor, nullptr), 0);
     void *result = &thread;
     ASSERT_EQ(pthread_join(thread, &result), 0);
-
     EXPECT_EQ(result, nullptr);
+
     EXPECT_EQ(zt::sleep_requests(), std::vector<unsigned>(29, 3));
-    EXPECT_FALSE(fd_open(steering_[0]));
-    std::vector<std::string> failures;
+    Msgs failures;
     for (int i = 0; i < 30; i++)
         failures.push_back("duloxusr_connect_to_dulox_core failed on attempt " + std::to_string(i));
     EXPECT_EQ(log.messages("LOW"), failures);
-    EXPECT_EQ(log.messages("HIGH"), (std::vector<std::string>{"Dulox Core Driver Thread Started"}));
+    EXPECT_EQ(log.messages("HIGH"), Msgs{"Dulox Core Driver Thread Started"});
     EXPECT_EQ(log.messages("ERR"),
-              (std::vector<std::string>{
-                  "Core Driver not accepting connections -30 attempts made",
-                  "Dulox Core Driver Thread Exited -dulox_core driver did not respond"}));
+              (Msgs{"Core Driver not accepting connections -30 attempts made",
+                    "Dulox Core Driver Thread Exited -dulox_core driver did not respond"}));
 }
 
 }  // namespace

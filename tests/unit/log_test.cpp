@@ -1,11 +1,12 @@
 // The log line, its gates, the capture switches and the exit path.
+#include "core/log.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <regex>
 
 #include "core/lifecycle.h"
-#include "core/log.h"
 #include "netlink/genl_family.h"
 #include "steering/tables.h"
 #include "test_support.h"
@@ -13,7 +14,7 @@
 namespace {
 
 class LogTest : public ::testing::Test {
-  protected:
+   protected:
     zt::LogCapture log{false};
 };
 
@@ -39,7 +40,8 @@ TEST_F(LogTest, PrefixHasStampFunctionLineAndLevelInFixedColumns) {
 
     // A longer name is written whole, not cut to 40.
     std::string second = text.substr(text.find('\n') + 1);
-    snprintf(expect, sizeof(expect), " a_function_whose_name_is_longer_than_forty_characters():%3u (ERR): long name\n",
+    snprintf(expect, sizeof(expect),
+             " a_function_whose_name_is_longer_than_forty_characters():%3u (ERR): long name\n",
              long_line);
     EXPECT_EQ(second.substr(16), expect);
 }
@@ -54,7 +56,8 @@ TEST_F(LogTest, MessageWithItsOwnNewlineLeavesAnEmptyLine) {
     ZLOG(HIGH, "next");
     std::string text = log.text();
     EXPECT_NE(text.find("rc = 11\n\n"), std::string::npos);
-    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Failed to start zeb eval thread - rc = 11", "next"}));
+    EXPECT_EQ(log.messages(),
+              (std::vector<std::string>{"Failed to start zeb eval thread - rc = 11", "next"}));
 }
 
 TEST_F(LogTest, VerboseGateHoldsBackOnlyMedAndLow) {
@@ -87,8 +90,7 @@ TEST_F(LogTest, LevelWordsAreWrittenAsGiven) {
     ZLOG(MED, "c");
     ZLOG(LOW, "d");
     std::vector<std::string> levels;
-    for (const auto &l : log.lines())
-        levels.push_back(l.level);
+    for (const auto &l : log.lines()) levels.push_back(l.level);
     EXPECT_EQ(levels, (std::vector<std::string>{"HIGH", "ERR", "MED", "LOW"}));
 }
 
@@ -101,8 +103,8 @@ TEST_F(LogTest, StopLoggingSilencesVerboseAtOnceAndToleratesRepeats) {
     ZLOG(HIGH, "loud");
     EXPECT_EQ(verbose_log_enabled, 0);
     EXPECT_EQ(csv_log_enabled, 0);
-    EXPECT_EQ(log.messages(),
-              (std::vector<std::string>{"Stopping verbose logging", "Stopping verbose logging", "loud"}));
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Stopping verbose logging",
+                                                        "Stopping verbose logging", "loud"}));
 }
 
 // This machine has no /data/vendor/zebusr; the capture that does open is
@@ -111,8 +113,8 @@ TEST_F(LogTest, StartLoggingKeepsVerboseWhenTheCaptureCannotOpen) {
     zebusr_start_logging(SIGUSR1);
     EXPECT_EQ(verbose_log_enabled, 1);
     EXPECT_EQ(csv_log_enabled, 0);
-    EXPECT_EQ(log.messages(),
-              (std::vector<std::string>{"Starting verbose logging", "Unable to open csv logging file"}));
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Starting verbose logging",
+                                                        "Unable to open csv logging file"}));
     EXPECT_EQ(log.messages("ERR"), (std::vector<std::string>{"Unable to open csv logging file"}));
 }
 
