@@ -86,7 +86,8 @@ int zebusr_genl_get_family_id_from_resp(const zebusr_nl_msg *msg, uint32_t famil
 }
 
 int zebusr_genl_init_sock(int fd, uint32_t family_type) {
-    zebusr_nl_msg request;
+    // Cleared so the reserved field and the rounding bytes carry no stack leftovers.
+    zebusr_nl_msg request = {};
     zebusr_nl_msg reply;
 
     if (zebusr_create_genl_msg(&request, ZEBUSR_GENL_ID_CTRL, ZEBUSR_CTRL_CMD_GETFAMILY) < 0) {
