@@ -20,91 +20,91 @@ inline constexpr int kCpus = 8;
 
 // A value over simulated time: linear between points, held flat outside them.
 struct Series {
-  std::vector<std::pair<double, double>> points;
-  double at(double t) const;
+    std::vector<std::pair<double, double>> points;
+    double at(double t) const;
 };
 
-struct CpuSpec {
-  double max_pps = 0;
-  Series load_pps;  // load that is not one of the listed flows
-  Series load_bps;
+struct CpuPlan {
+    double max_pps = 0;
+    Series load_pps;  // load that is not one of the listed flows
+    Series load_bps;
 };
 
-struct FlowSpec {
-  uint32_t hash = 0;
-  std::string name;
-  int cpu = 0;
-  Series pps;
-  Series bps;
-  double start_s = 0;
-  double end_s = kForever;
-  bool slow_start = false;
+struct FlowPlan {
+    uint32_t hash = 0;
+    std::string name;
+    int cpu = 0;
+    Series pps;
+    Series bps;
+    double start_s = 0;
+    double end_s = kForever;
+    bool slow_start = false;
 };
 
-struct ProcessSpec {
-  uint32_t pid = 0;
-  std::string name;
-  Series tx_bps;
-  double start_s = 0;
-  double end_s = kForever;
-  double boost_ms = 0;  // boost time left at start
+struct ProcessPlan {
+    uint32_t pid = 0;
+    std::string name;
+    Series tx_bps;
+    double start_s = 0;
+    double end_s = kForever;
+    double boost_ms = 0;  // boost time left at start
 };
 
 enum class FaultKind {
-  FamilyAbsent,
-  Silent,
-  ReplyCode,
-  MalformedReply,
-  PidRecord,
-  TableUnmappable,
-  TableAbsent,
-  ThreadCreateFails,
+    FamilyAbsent,
+    Silent,
+    ReplyCode,
+    MalformedReply,
+    PidRecord,
+    TableUnmappable,
+    TableAbsent,
+    ThreadCreateFails,
 };
-const char* fault_kind_name(FaultKind k);
+const char *fault_kind_name(FaultKind k);
 
 enum class MalformedForm { Short, LenBeyond, NlmsgError, WrongSecondAttr, Oversize };
 
-struct FaultSpec {
-  FaultKind kind = FaultKind::Silent;
-  std::string where;  // "faults/3", for the transcript
-  double from_s = 0;
-  double to_s = kForever;
-  uint64_t skip = 0;
-  uint64_t times = std::numeric_limits<uint64_t>::max();
-  std::vector<Kind> on;  // requests it applies to
-  std::string family;    // family_absent, or a lookup filter
-  int32_t code = 0;      // reply_code; nlmsg_error's error
-  uint32_t sugg_type = 0;
-  MalformedForm form = MalformedForm::Short;
-  std::optional<int> valid;
-  std::optional<int> list_len;
-  std::string table;  // "caps", "flows" or "ss_flows"
-  int nth = 0;        // thread_create_fails
+struct FaultPlan {
+    FaultKind kind = FaultKind::Silent;
+    std::string where;  // "faults/3", for the transcript
+    double from_s = 0;
+    double to_s = kForever;
+    uint64_t skip = 0;
+    uint64_t times = std::numeric_limits<uint64_t>::max();
+    std::vector<Kind> on;  // requests it applies to
+    std::string family;    // family_absent, or a lookup filter
+    int32_t code = 0;      // reply_code; nlmsg_error's error
+    uint32_t sugg_type = 0;
+    MalformedForm form = MalformedForm::Short;
+    std::optional<int> valid;
+    std::optional<int> list_len;
+    std::string table;  // "caps", "flows" or "ss_flows"
+    int nth = 0;        // thread_create_fails
 };
 
 struct Scenario {
-  std::string file;
-  std::string name;
-  std::string description;
-  double duration_s = 20;
-  double tick_ms = 100;
-  int avg_samples = 10;
-  FamilyIds ids{30, 31};
-  std::array<CpuSpec, kCpus> cpus;
-  std::array<int, kCpus> cap_order{0, 1, 2, 3, 4, 5, 6, 7};
-  std::vector<FlowSpec> flows;
-  std::vector<ProcessSpec> processes;
-  std::vector<FaultSpec> faults;
+    std::string file;
+    std::string name;
+    std::string description;
+    double duration_s = 20;
+    double tick_ms = 100;
+    int avg_samples = 10;
+    FamilyIds ids{30, 31};
+    std::array<CpuPlan, kCpus> cpus;
+    std::array<int, kCpus> cap_order{0, 1, 2, 3, 4, 5, 6, 7};
+    std::vector<FlowPlan> flows;
+    std::vector<ProcessPlan> processes;
+    std::vector<FaultPlan> faults;
 
-  int thread_fail_nth() const;  // 0 when no thread fault
+    int thread_fail_nth() const;  // 0 when no thread fault
 };
 
 struct ScenarioError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+    using std::runtime_error::runtime_error;
 };
 
 // Both throw ScenarioError with "FILE: PLACE: PROBLEM".
-Scenario load_scenario(const std::string& path);
-Scenario parse_scenario(const std::string& text, const std::string& file);
+Scenario load_scenario(const std::string &path);
+Scenario parse_scenario(const std::string &text, const std::string &file);
 
 }  // namespace sim

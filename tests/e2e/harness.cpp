@@ -2,192 +2,155 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <fstream>
-#include <regex>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
 namespace e2e {
 
-namespace fs = std::filesystem;
-
-sim::Scenario scenario_file(const std::string& name) {
-  return sim::load_scenario(std::string(ZEBUSR_SCENARIO_DIR) + "/" + name);
-}
-
-sim::Scenario scenario_json(const std::string& text) { return sim::parse_scenario(text, "inline scenario"); }
-
-std::optional<LogLine> parse_log_line(const std::string& text) {
-  static const std::regex re(R"(^( \d\d:\d\d:\d\d\.\d{6}) ( *)(\S+)\(\):( *)(\d+) \((HIGH|ERR|MED|LOW)\): (.*)$)");
-  std::smatch m;
-  if (!std::regex_match(text, m, re)) return std::nullopt;
-  // %40s and %3u: padding plus text fill the width exactly, or the text is wider.
-  auto fills = [](size_t pad, size_t len, size_t width) { return pad + len == width || (pad == 0 && len > width); };
-  if (!fills(m.length(2), m.length(3), 40) || !fills(m.length(4), m.length(5), 3)) return std::nullopt;
-  return LogLine{m.str(1), m.str(3), unsigned(std::stoul(m.str(5))), m.str(6), m.str(7)};
-}
-
 namespace {
 
-std::vector<std::string> read_lines(const fs::path& p) {
-  std::vector<std::string> out;
-  std::ifstream in(p);
-  std::string line;
-  while (std::getline(in, line)) out.push_back(line);
-  return out;
-}
+constexpr double kBound = 60;  // real seconds a wait may take before it fails
 
-std::vector<Json> read_json_lines(const fs::path& p) {
-  std::vector<Json> out;
-  for (const auto& l : read_lines(p)) {
-    if (l.empty()) continue;
-    auto j = Json::parse(l, nullptr, false);
-    if (!j.is_discarded()) out.push_back(std::move(j));  // a line still being written
-  }
-  return out;
-}
-
-std::string test_name() {
-  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string n = info ? std::string(info->test_suite_name()) + "." + info->name() : "no-test";
-  for (char& c : n)
-    if (c == '/') c = '_';
-  return n;
+std::string read_file(const sim::fs::path &p) {
+    std::ifstream in(p);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
 }
 
 }  // namespace
 
-DaemonRun::DaemonRun(sim::Scenario s) : scenario_(std::move(s)) {}
+// The transcript as the simulator writes it, without reading the file back.
+struct Daemon::Records {
+    mutable std::mutex mu;
+    std::vector<Json> all;
+};
 
-DaemonRun::~DaemonRun() = default;
-
-void DaemonRun::start() {
-  sim::SessionOptions o;
-  o.scenario = scenario_;
-  o.run_dir = fs::path(ZEBUSR_E2E_RUN_ROOT) / test_name();
-  fs::remove_all(o.run_dir);
-  o.daemon = ZEBUSR_DAEMON;
-  o.preload = ZEBUSR_PRELOAD;
-  o.args = options.args;
-  o.time_factor = options.time_factor;
-  o.tick_ms = options.tick_ms;
-  session_ = std::make_unique<sim::Session>(std::move(o));
-  session_->start_daemon();
+Daemon::Daemon(const std::string &scenario, std::vector<std::string> args)
+    : records_(std::make_shared<Records>()) {
+    const auto *test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    std::replace(name.begin(), name.end(), '/', '_');
+    sim::SessionOptions o;
+    o.scenario = scenario.starts_with('{')
+                     ? sim::parse_scenario(scenario, "inline")
+                     : sim::load_scenario(std::string(ZEBUSR_SCENARIO_DIR) + "/" + scenario);
+    o.run_dir = sim::fs::path(ZEBUSR_E2E_RUN_ROOT) / name;
+    sim::fs::remove_all(o.run_dir);
+    o.daemon = ZEBUSR_DAEMON;
+    o.preload = ZEBUSR_PRELOAD;
+    o.args = std::move(args);
+    o.time_factor = kTimeFactor;
+    o.observer = [r = records_](const Json &rec) {
+        std::lock_guard lock(r->mu);
+        r->all.push_back(rec);
+    };
+    session_ = std::make_unique<sim::Session>(std::move(o));
+    session_->start_daemon();
 }
 
-void DaemonRun::signal(int sig) { session_->signal(sig); }
-
-int DaemonRun::wait_exit(std::optional<double> timeout_s) {
-  auto st = session_->wait_exit(bound(timeout_s));
-  return st ? *st : -1;
+int Daemon::wait_exit() {
+    return session_->wait_exit(kBound).value_or(-1);
 }
 
-bool DaemonRun::wait_until(std::function<bool()> cond, std::optional<double> timeout_s) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(bound(timeout_s));
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+void Daemon::stop(int sig) {
+    signal(sig);
+    EXPECT_EQ(wait_exit(), 0) << describe();
 }
 
-bool DaemonRun::wait_log(std::string_view needle, int count, std::optional<double> timeout_s) {
-  return wait_until(
-      [&] {
-        int n = 0;
-        for (const auto& l : log_lines()) n += l.find(needle) != std::string::npos;
-        return n >= count;
-      },
-      timeout_s);
+bool Daemon::wait_until(const std::function<bool()> &cond) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(kBound);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
 }
 
-bool DaemonRun::wait_answer(const std::string& kind, std::function<bool(const Json&, const Json&)> pred, int count,
-                      std::optional<double> timeout_s) {
-  return wait_until(
-      [&] {
-        int n = 0;
-        for (const auto& [in, out] : answers(kind)) n += !pred || pred(in, out);
-        return n >= count;
-      },
-      timeout_s);
+bool Daemon::wait_log(const std::string &needle, size_t n) {
+    return wait_until([&] { return count(log(), needle) >= n; });
 }
 
-bool DaemonRun::wait_csv_rows(size_t rows, std::optional<double> timeout_s) {
-  return wait_until([&] { return csv_lines().size() >= rows + 1; }, timeout_s);
+bool Daemon::wait_answer(const std::string &kind,
+                         const std::function<bool(const Json &, const Json &)> &pred, size_t n) {
+    return wait_until([&] {
+        auto all = answers(kind);
+        return size_t(std::count_if(all.begin(), all.end(), [&](const Exchange &e) {
+                   return !pred || pred(e.first, e.second);
+               })) >= n;
+    });
 }
 
-bool DaemonRun::wait_sim_time(double sim_s, std::optional<double> timeout_s) {
-  return wait_until([&] { return session_->sim_now() >= sim_s; }, timeout_s);
+std::string Daemon::log() const {
+    return read_file(session_->paths().log());
 }
 
-std::vector<std::string> DaemonRun::log_lines() const { return read_lines(paths().log()); }
-
-std::vector<LogLine> DaemonRun::log_entries() const {
-  std::vector<LogLine> out;
-  for (const auto& l : log_lines())
-    if (auto e = parse_log_line(l)) out.push_back(*e);
-  return out;
+std::vector<std::string> Daemon::csv() const {
+    std::vector<std::string> lines;
+    std::istringstream in(read_file(session_->paths().csv()));
+    for (std::string l; std::getline(in, l);) lines.push_back(l);
+    return lines;
 }
 
-std::vector<std::string> DaemonRun::csv_lines() const { return read_lines(paths().csv()); }
-
-std::vector<Json> DaemonRun::transcript() const { return read_json_lines(paths().transcript()); }
-
-std::vector<Json> DaemonRun::requests(const std::string& kind) const {
-  std::vector<Json> out;
-  for (auto& r : transcript())
-    if (r.value("dir", "") == "in" && r.value("kind", "") == kind) out.push_back(r);
-  return out;
+std::vector<Json> Daemon::transcript() const {
+    std::lock_guard lock(records_->mu);
+    return records_->all;
 }
 
-std::vector<std::pair<Json, Json>> DaemonRun::answers(const std::string& kind) const {
-  std::map<long, Json> in;
-  std::vector<std::pair<Json, Json>> out;
-  for (auto& r : transcript()) {
-    if (r.value("kind", "") != kind) continue;
-    if (r.value("dir", "") == "in") in[r["n"].get<long>()] = r;
-    if (r.value("dir", "") == "out" && in.count(r["n"].get<long>())) out.push_back({in[r["n"].get<long>()], r});
-  }
-  return out;
+std::vector<Exchange> Daemon::answers(const std::string &kind) const {
+    std::map<long, Json> asked;
+    std::vector<Exchange> out;
+    for (const auto &r : transcript()) {
+        if (r.value("kind", "") != kind)
+            continue;
+        long n = r["n"].get<long>();
+        if (r["dir"] == "in")
+            asked[n] = r;
+        else if (r["dir"] == "out" && asked.count(n))
+            out.push_back({asked[n], r});
+    }
+    return out;
 }
 
-std::vector<Json> DaemonRun::preload_records(const std::string& call) const {
-  std::vector<Json> out;
-  for (auto& r : read_json_lines(paths().preload()))
-    if (call.empty() || r.value("call", "") == call) out.push_back(r);
-  return out;
+size_t Daemon::sleeps(unsigned seconds) const {
+    std::istringstream in(read_file(session_->paths().preload()));
+    size_t n = 0;
+    for (std::string l; std::getline(in, l);) {
+        auto r = Json::parse(l, nullptr, false);
+        n += !r.is_discarded() && r.value("call", "") == "sleep" && r["seconds"] == seconds;
+    }
+    return n;
 }
 
-std::vector<double> DaemonRun::sleeps(std::optional<unsigned> seconds) const {
-  std::vector<double> out;
-  for (auto& r : preload_records("sleep"))
-    if (!seconds || r["seconds"].get<double>() == *seconds) out.push_back(r["seconds"].get<double>());
-  return out;
+std::string Daemon::describe() const {
+    std::string text = log();
+    return "run directory: " + session_->paths().dir.string() + "\ndaemon stderr:\n" +
+           read_file(session_->paths().daemon_stderr()) + "\nlog tail:\n" +
+           text.substr(text.size() > 3000 ? text.size() - 3000 : 0);
 }
 
-std::vector<double> DaemonRun::receive_timeouts() const {
-  std::vector<double> out;
-  for (auto& r : preload_records("SO_RCVTIMEO")) out.push_back(r["seconds"].get<double>());
-  return out;
+size_t count(const std::string &text, const std::string &needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
 }
 
-Json DaemonRun::device() { return Json::parse(session_->server().snapshot().dump()); }
-
-std::string DaemonRun::daemon_stderr() const {
-  std::ifstream in(paths().daemon_stderr());
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-std::string DaemonRun::describe() const {
-  std::ostringstream o;
-  o << "run directory: " << paths().dir.string() << "\ndaemon stderr:\n" << daemon_stderr() << "\nlog tail:\n";
-  auto lines = log_lines();
-  for (size_t i = lines.size() > 20 ? lines.size() - 20 : 0; i < lines.size(); ++i) o << lines[i] << '\n';
-  return o.str();
+std::string missing_in_order(const std::string &text, const std::vector<std::string> &needles) {
+    size_t at = 0;
+    for (const auto &n : needles) {
+        at = text.find(n, at);
+        if (at == std::string::npos)
+            return n;
+        at += n.size();
+    }
+    return "";
 }
 
 }  // namespace e2e

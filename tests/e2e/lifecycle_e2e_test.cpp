@@ -1,180 +1,136 @@
-// Whole-process tests of the daemon's life: log shape, verbosity at start-up,
-// stop signals with their clean-up lines, and worker threads that cannot start.
+// How the daemon starts and ends (arguments, stop signals, threads that cannot
+// start, tables that cannot be mapped) and the run-time logging signals.
 #include <gtest/gtest.h>
-#include <signal.h>
 
-#include <algorithm>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "harness.hpp"
 
 namespace {
 
-using e2e::DaemonRun;
+using e2e::count;
+using e2e::Daemon;
+using Strings = std::vector<std::string>;
 
-const char kQuiet[] = R"({"name": "quiet", "description": "no traffic: nothing to decide", "duration_s": 600})";
+const char kQuiet[] = R"({"name": "quiet"})";
 
-std::vector<std::string> messages(const DaemonRun& run) {
-  std::vector<std::string> out;
-  for (const auto& e : run.log_entries()) out.push_back(e.message);
-  return out;
+size_t detail_lines(const std::string &log) {
+    return count(log, "(LOW): ") + count(log, "(MED): ");
 }
 
-bool has(const std::vector<std::string>& v, const std::string& s) { return std::find(v.begin(), v.end(), s) != v.end(); }
-
-size_t stamps(const std::string& line) {
-  static const std::regex stamp(R"( \d\d:\d\d:\d\d\.\d{6} )");
-  return size_t(std::distance(std::sregex_iterator(line.begin(), line.end(), stamp), std::sregex_iterator()));
+void connected(Daemon &run) {
+    ASSERT_TRUE(run.wait_log("CONNECTED to dulox core driver")) << run.describe();
+    ASSERT_TRUE(run.wait_log("CONNECTED to dulox_zeb.ko")) << run.describe();
+    ASSERT_TRUE(run.wait_answer("sync", {}, 3)) << run.describe();
 }
 
-void connect_and_cycle(DaemonRun& run, int syncs = 3) {
-  ASSERT_TRUE(run.wait_log("CONNECTED to dulox_zeb.ko")) << run.describe();
-  ASSERT_TRUE(run.wait_answer("sync", {}, syncs)) << run.describe();
-}
-
-void stop(DaemonRun& run, int sig = SIGTERM) {
-  run.signal(sig);
-  ASSERT_EQ(run.wait_exit(), 0) << run.describe();
-}
-
-// Threads may interleave a line's three writes; such lines are tolerated only
-// where the file shows it (a line with two stamps), so a wrong prefix fails.
-TEST(LogFile, EveryLineHasThePrefixShape) {
-  DaemonRun run(e2e::scenario_file("default.json"));
-  run.options.args = {"-v"};
-  run.start();
-  ASSERT_NO_FATAL_FAILURE(connect_and_cycle(run, 30));
-  ASSERT_TRUE(run.wait_answer("pid_bps_query", {}, 3));
-  ASSERT_NO_FATAL_FAILURE(stop(run));
-
-  auto lines = run.log_lines();
-  ASSERT_GT(lines.size(), 100u);
-  size_t mixed = 0, irregular = 0, sync_lines = 0;
-  std::set<std::string> levels;
-  for (size_t i = 0; i < lines.size(); ++i) {
-    const std::string& l = lines[i];
-    mixed += stamps(l) >= 2;
-    if (l.empty()) {
-      EXPECT_TRUE(i > 0 && !lines[i - 1].empty()) << "empty line " << i << " does not follow a message";
-      continue;
-    }
-    auto e = e2e::parse_log_line(l);
-    if (!e) {
-      ++irregular;
-      EXPECT_TRUE(stamps(l) != 1 || l.rfind(" ", 0) != 0) << "line " << i << " has a bad prefix: " << l;
-      continue;
-    }
-    levels.insert(e->level);
-    // A message that carries its own newline leaves an empty line after it.
-    if (e->message.rfind("########## SYNC START - seq_num ", 0) == 0 && i + 1 < lines.size() &&
-        (lines[i + 1].empty() || e2e::parse_log_line(lines[i + 1]))) {
-      ++sync_lines;
-      EXPECT_EQ(lines[i + 1], "") << "line " << i + 1;
-    }
-  }
-  EXPECT_LE(irregular, 3 * mixed) << run.describe();
-  EXPECT_GT(sync_lines, 0u);
-  // ERR may show too: the exit handler closes tables the cycle is using.
-  for (const char* level : {"HIGH", "MED", "LOW"}) EXPECT_TRUE(levels.count(level)) << level;
-  EXPECT_EQ(run.log_entries().front().message, "Initializing zebusrd");
-}
-
-struct Verbosity {
-  std::vector<std::string> args;
-  bool verbose;
+struct End {
+    const char *scenario;
+    Strings args;  // any argument turns verbose logging on
+    int sig;       // sent once connected; 0: the daemon ends by itself
+    int status;
+    const char *never;
+    Strings lines;  // in this order
 };
 
-std::string verbosity_name(size_t i) {
-  static const char* const names[] = {"NoArgument", "OneArgument", "EmptyArgument", "TwoArguments"};
-  return names[i];
+void PrintTo(const End &e, std::ostream *os) {
+    *os << e.scenario;
 }
 
-class StartupVerbosity : public ::testing::TestWithParam<Verbosity> {};
+class ProcessEnd : public ::testing::TestWithParam<End> {};
 
-// Any argument, even an empty string, turns verbose logging on from the start.
-TEST_P(StartupVerbosity, FollowsTheArgumentCount) {
-  DaemonRun run(e2e::scenario_json(kQuiet));
-  run.options.args = GetParam().args;
-  run.start();
-  ASSERT_NO_FATAL_FAILURE(connect_and_cycle(run));
-  ASSERT_NO_FATAL_FAILURE(stop(run));
-  auto entries = run.log_entries();
-  bool detail = std::any_of(entries.begin(), entries.end(), [](auto& e) { return e.level == "LOW" || e.level == "MED"; });
-  EXPECT_EQ(detail, GetParam().verbose);
-  EXPECT_EQ(has(messages(run), "Enabling verbose logging at bootup"), GetParam().verbose);
-  ASSERT_GE(entries.size(), 2u);
-  EXPECT_EQ(entries[0].message, "Initializing zebusrd");
-  EXPECT_EQ(entries[0].level, "HIGH");
+TEST_P(ProcessEnd, LogsItsWayOutAndExitsWithItsStatus) {
+    const End &e = GetParam();
+    Daemon run(e.scenario, e.args);
+    if (e.sig) {
+        ASSERT_NO_FATAL_FAILURE(connected(run));
+        run.signal(e.sig);
+    }
+    ASSERT_EQ(run.wait_exit(), e.status) << run.describe();
+    const std::string log = run.log();
+    EXPECT_TRUE(log.substr(0, log.find('\n')).ends_with("(HIGH): Initializing zebusrd")) << log;
+    EXPECT_EQ(count(log, "Enabling verbose logging at bootup"), size_t(!e.args.empty()));
+    EXPECT_EQ(detail_lines(log) > 0, !e.args.empty());
+    EXPECT_EQ(e2e::missing_in_order(log, e.lines), "") << log;
+    EXPECT_EQ(count(log, e.never), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Args, StartupVerbosity,
-                         ::testing::Values(Verbosity{{}, false}, Verbosity{{"-v"}, true}, Verbosity{{""}, true},
-                                           Verbosity{{"a", "b"}, true}),
-                         [](const auto& info) { return verbosity_name(info.index); });
-
-class StopSignal : public ::testing::TestWithParam<int> {};
-
-TEST_P(StopSignal, ExitsZeroAfterTheCleanUpLines) {
-  DaemonRun run(e2e::scenario_json(kQuiet));
-  run.start();
-  ASSERT_NO_FATAL_FAILURE(connect_and_cycle(run));
-  ASSERT_TRUE(run.wait_log("CONNECTED to dulox core driver"));
-  ASSERT_NO_FATAL_FAILURE(stop(run, GetParam()));
-
-  const std::vector<std::string> expected = {"Signal Handler Invoked!", "Attempting to clean up", "closing cap file",
-                                             "closing gflow file",      "closing ssflow file",    "Cleanup Complete"};
-  auto msgs = messages(run);
-  auto from = std::find(msgs.begin(), msgs.end(), expected[0]);
-  ASSERT_NE(from, msgs.end()) << run.describe();
-  std::vector<std::string> tail;
-  std::copy_if(from, msgs.end(), std::back_inserter(tail), [&](auto& m) { return has(expected, m); });
-  EXPECT_EQ(tail, expected);
-  EXPECT_EQ(msgs.back(), "Cleanup Complete");
-  // Each socket asked for a 3-second receive time-out.
-  auto timeouts = run.receive_timeouts();
-  EXPECT_EQ(timeouts, std::vector<double>(timeouts.size(), 3.0));
-  EXPECT_GE(timeouts.size(), 2u);
+// A case whose log ends with `lines` and then the clean-up.
+End row(const char *scenario, Strings args, int sig, int status, const char *never, Strings lines) {
+    lines.insert(lines.end(), {"Attempting to clean up", "closing cap file", "closing gflow file",
+                               "closing ssflow file", "Cleanup Complete"});
+    return {scenario, args, sig, status, never, lines};
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, StopSignal, ::testing::Values(SIGTERM, SIGINT),
-                         [](const auto& info) { return info.param == SIGTERM ? "SIGTERM" : "SIGINT"; });
-
-struct ThreadFault {
-  int nth;
-  std::string message;
-  std::string never;  // a line the thread that did not start would have written
+const End kEnds[] = {
+    row(kQuiet, {}, SIGTERM, 0, "Exiting main", {"Signal Handler Invoked!"}),
+    row(kQuiet, {""}, SIGINT, 0, "Exiting main", {"Signal Handler Invoked!"}),
+    row(kQuiet, {"a", "b"}, SIGTERM, 0, "Exiting main", {"Signal Handler Invoked!"}),
+    row("faults/thread-eval-fails.json", {}, 0, 255, "Starting dulox_freq_boost_thread...",
+        {"Starting zeb_eval_thread...", "Failed to start zeb eval thread - rc = 11\n\n"}),
+    row("faults/thread-boost-fails.json", {}, 0, 255, "Dulox Core Driver Thread Started",
+        {"Starting dulox_freq_boost_thread...",
+         "Failed to start dulox_freq_boost_thread - rc = 11\n\n"}),
+    // Closed once by the reader, once more at exit.
+    row("faults/table-unmappable-caps.json", {}, 0, 0, "Signal Handler Invoked!",
+        {"CONNECTED to dulox_zeb.ko", "mmap failure: No such device", "closing cap file"}),
+    row("faults/table-unmappable-flows.json", {}, 0, 0, "Signal Handler Invoked!",
+        {"CONNECTED to dulox_zeb.ko", "mmap: No such device", "closing gflow file"}),
+    row("faults/table-unmappable-ss-flows.json", {}, 0, 0, "Signal Handler Invoked!",
+        {"CONNECTED to dulox_zeb.ko", "mmap: No such device", "closing ssflow file"}),
 };
 
-class WorkerThread : public ::testing::TestWithParam<ThreadFault> {};
+const char *const kEndNames[] = {
+    "Sigterm",          "SigintEmptyArgument", "SigtermTwoArguments", "EvalThreadFails",
+    "BoostThreadFails", "CapsUnmappable",      "GoldFlowsUnmappable", "SlowStartFlowsUnmappable"};
 
-TEST_P(WorkerThread, ThatCannotStartEndsTheDaemonWith255) {
-  const auto& p = GetParam();
-  DaemonRun run(e2e::scenario_json(R"({"name": "thread", "faults": [{"kind": "thread_create_fails", "nth": )" +
-                             std::to_string(p.nth) + "}]}"));
-  run.start();
-  ASSERT_EQ(run.wait_exit(), 255) << run.describe();
+INSTANTIATE_TEST_SUITE_P(Cases, ProcessEnd, ::testing::ValuesIn(kEnds),
+                         [](const auto &info) { return std::string(kEndNames[info.index]); });
 
-  auto lines = run.log_lines();
-  auto at = std::find_if(lines.begin(), lines.end(), [&](auto& l) {
-    auto e = e2e::parse_log_line(l);
-    return e && e->level == "ERR" && e->message == p.message;
-  });
-  ASSERT_NE(at, lines.end()) << run.describe();
-  ASSERT_NE(at + 1, lines.end());
-  EXPECT_EQ(*(at + 1), "") << "the message ends in its own newline";
-  auto msgs = messages(run);
-  EXPECT_FALSE(has(msgs, p.never));
-  EXPECT_TRUE(has(msgs, "Attempting to clean up"));
-  EXPECT_TRUE(has(msgs, "Cleanup Complete"));
-  auto calls = run.preload_records("pthread_create");
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0]["n"], p.nth);
+// SIGUSR1: verbose lines and a CSV row per cycle, by CPU number; SIGUSR2:
+// neither; SIGUSR1 again: the file starts over.
+TEST(LoggingSignals, SwitchVerboseLinesAndTheCsvCapture) {
+    // Spare capacity 20000 + 10000 x CPU, listed in reverse: a row by table
+    // position would show.
+    Daemon run(R"({"name": "csv", "cap_table_order": [7, 6, 5, 4, 3, 2, 1, 0], "cpus": [
+        {"cpu": 0, "max_pps": 20000}, {"cpu": 1, "max_pps": 30000}, {"cpu": 2, "max_pps": 40000},
+        {"cpu": 3, "max_pps": 50000}, {"cpu": 4, "max_pps": 60000}, {"cpu": 5, "max_pps": 70000},
+        {"cpu": 6, "max_pps": 80000}, {"cpu": 7, "max_pps": 90000}]})");
+    ASSERT_NO_FATAL_FAILURE(connected(run));
+    auto syncs = [&](size_t more) {
+        size_t n = run.answers("sync").size() + more;
+        return run.wait_answer("sync", {}, n);
+    };
+    EXPECT_TRUE(run.csv().empty());
+    EXPECT_EQ(detail_lines(run.log()), 0u);
+
+    run.signal(SIGUSR1);
+    ASSERT_TRUE(run.wait_until([&] { return run.csv().size() >= 4; })) << run.describe();
+    auto rows = run.csv();
+    EXPECT_EQ(rows[0], "time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7");
+    static const std::regex row(
+        R"(\d\d:\d\d:\d\d\.\d{6},\d+,20000,30000,40000,50000,60000,70000,80000,90000)");
+    EXPECT_TRUE(std::regex_match(rows[1], row)) << rows[1];
+    EXPECT_GT(detail_lines(run.log()), 0u);
+
+    run.signal(SIGUSR2);
+    ASSERT_TRUE(run.wait_log("Stopping verbose logging") && syncs(2));
+    const size_t csv_rows = run.csv().size(), details = detail_lines(run.log());
+    ASSERT_TRUE(syncs(5));
+    EXPECT_EQ(run.csv().size(), csv_rows);
+    EXPECT_EQ(detail_lines(run.log()), details);
+
+    const long last = std::stol(run.csv().back().substr(16));
+    run.signal(SIGUSR1);
+    ASSERT_TRUE(run.wait_log("CSV File opened", 2) &&
+                run.wait_until([&] { return run.csv().size() >= 3; }));
+    rows = run.csv();
+    EXPECT_EQ(rows[0].substr(0, 5), "time,");
+    for (size_t i = 1; i < rows.size(); i++)
+        EXPECT_GT(std::stol(rows[i].substr(16)), last) << rows[i];
+    run.stop();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, WorkerThread,
-    ::testing::Values(ThreadFault{1, "Failed to start zeb eval thread - rc = 11", "ZEB Evaluation Thread Started"},
-                      ThreadFault{2, "Failed to start dulox_freq_boost_thread - rc = 11", "Dulox Core Driver Thread Started"}),
-    [](const auto& info) { return info.param.nth == 1 ? "EvalThread" : "BoostThread"; });
 
 }  // namespace

@@ -1,10 +1,9 @@
-// Whole-process view of the steering decisions: what a refusal leads to,
-// one accepted move per cycle in policy order, the verbose-only capacity
-// check, and the exits when a table cannot be mapped.
+// The steering connection and its evaluation cycles, seen from outside: the
+// real daemon under the simulator, judged by its transcript and its log.
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <unistd.h>
 
-#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -12,163 +11,169 @@
 
 namespace {
 
-using e2e::DaemonRun;
-using e2e::Json;
+using e2e::count;
+using e2e::Daemon;
+using e2e::missing_in_order;
+using Strings = std::vector<std::string>;
 
-bool accepted(const Json &out) {
-    return out.value("result", "") == "accepted";
+std::vector<int> zeb_conns(const Daemon &run) {
+    std::vector<int> out;
+    for (const auto &[in, out_] : run.answers("family_lookup"))
+        if (in["family"] == "DULOX_ZEB")
+            out.push_back(in["conn"].get<int>());
+    return out;
 }
 
-// Silver CPU 2 is overloaded from the start; nothing else happens.
-const char kLoadedSilver[] = R"({
-  "name": "loaded-silver", "duration_s": 60,
-  "cpus": [{"cpu": 2, "max_pps": 100000, "load_pps": 45000}],
-  "flows": [{"hash": "0x2222", "name": "heavy", "cpu": 2, "pps": 52000}]%s
-})";
-
-std::string loaded_silver(const std::string &extra) {
-    std::string text = kLoadedSilver;
-    text.replace(text.find("%s"), 2, extra);
-    return text;
+std::set<int> closed_conns(const Daemon &run) {
+    std::set<int> out;
+    for (const auto &r : run.transcript())
+        if (r.value("kind", "") == "disconnect")
+            out.insert(r["conn"].get<int>());
+    return out;
 }
 
-// The suggestions of each cycle, a cycle being what follows one sync.
-std::vector<std::vector<std::pair<Json, Json>>> suggestions_by_cycle(const DaemonRun &run) {
-    std::vector<std::vector<std::pair<Json, Json>>> cycles(1);
-    std::map<long, Json> pending;
-    for (const Json &r : run.transcript()) {
-        std::string dir = r.value("dir", "");
-        std::string kind = r.value("kind", "");
-        if (dir == "in" && kind == "sync")
-            cycles.emplace_back();
-        if (kind != "suggestion")
-            continue;
-        if (dir == "in")
-            pending[r["n"].get<long>()] = r;
-        else if (dir == "out" && pending.count(r["n"].get<long>()))
-            cycles.back().push_back({pending[r["n"].get<long>()], r});
+// Suggestions and segmentation requests as "<what> at <tick of the cycle's sync
+// reply>", in order; a refusal is marked.
+Strings decisions(const Daemon &run) {
+    Strings out;
+    double tick = 0;
+    for (const auto &r : run.transcript()) {
+        const std::string kind = r.value("kind", ""), dir = r.value("dir", "");
+        char at[16];
+        snprintf(at, sizeof at, " at %.1f", tick);
+        if (kind == "sync" && dir == "out")
+            tick = r["t"].get<double>();
+        else if (kind == "segmentation" && dir == "in")
+            out.push_back(r["hash"].get<std::string>() + (r["seg_enable"] == 0 ? " off" : " on") +
+                          at);
+        else if (kind == "suggestion" && dir == "in")
+            out.push_back(r["sugg_type"].get<std::string>() + " " + r["hash"].get<std::string>() +
+                          " " + std::to_string(r["cur_cpu"].get<int>()) + ">" +
+                          std::to_string(r["dest_cpu"].get<int>()) + at);
+        else if (dir == "out" && r.value("result", "") == "refused")
+            out.back() += " refused";
     }
-    return cycles;
+    return out;
 }
 
-int policy_rank(const Json &in) {
-    std::string type = in.value("sugg_type", "");
-    return type == "UP" ? 0 : type == "DOWN" ? 1 : 2;
-}
-
-TEST(Steering, RefusedUpGoesToTheNextGoldCpusInTheSameCycle) {
-    DaemonRun run(e2e::scenario_file("faults/suggestion-refused.json"));
-    run.start();
-    ASSERT_TRUE(run.wait_answer("suggestion", [](auto &, auto &out) { return accepted(out); }))
+// Every simulated tick is one cycle, so the default scenario's decisions come
+// once each, at fixed ticks; a repeated move would show a stale table.
+TEST(Steering, DefaultScenarioDecidesOnceEachInPolicyOrder) {
+    Daemon run("default.json", {"-v"});
+    ASSERT_TRUE(run.wait_answer("sync", [](auto &in, auto &) { return in["t"] > 14; }))
         << run.describe();
-    run.signal(SIGTERM);
-    EXPECT_EQ(run.wait_exit(), 0) << run.describe();
+    run.stop();
 
-    auto cycles = suggestions_by_cycle(run);
-    const std::vector<std::pair<Json, Json>> *first = nullptr;
-    for (const auto &c : cycles)
-        if (!c.empty() && !first)
-            first = &c;
-    ASSERT_NE(first, nullptr);
-    ASSERT_EQ(first->size(), 3u) << run.describe();
-    const int dests[] = {4, 5, 6};
-    for (size_t i = 0; i < 3; i++) {
-        const Json &in = (*first)[i].first;
-        EXPECT_EQ(in["sugg_type"], "UP");
-        EXPECT_EQ(in["hash"], "0x0");
-        EXPECT_EQ(in["cur_cpu"], 2);
-        EXPECT_EQ(in["dest_cpu"], dests[i]);
-        EXPECT_EQ(accepted((*first)[i].second), i == 2);
-    }
-}
+    // Segmentation off at the first sample of 300 Mbps or more, and at the
+    // tenth steady one.
+    EXPECT_EQ(decisions(run),
+              (Strings{"UP 0x0 2>4 at 2.7", "0xf457 off at 3.5", "DOWN 0xb0b0 5>1 at 6.9",
+                       "BAL 0xd00d 6>5 at 10.2", "0x6006 off at 12.9"}));
 
-TEST(Steering, AtMostOneMovePerCycleAndPoliciesInOrder) {
-    DaemonRun run(e2e::scenario_file("default.json"));
-    run.options.args = {"-v"};
-    run.start();
-    for (const char *type : {"UP", "DOWN", "BAL"})
-        ASSERT_TRUE(run.wait_answer(
-            "suggestion",
-            [&](auto &in, auto &out) { return in["sugg_type"] == type && accepted(out); }))
-            << type << "\n"
-            << run.describe();
-    run.signal(SIGTERM);
-    EXPECT_EQ(run.wait_exit(), 0) << run.describe();
-
-    for (const auto &cycle : suggestions_by_cycle(run)) {
-        for (size_t i = 0; i < cycle.size(); i++) {
-            // Nothing follows an accepted move, and no policy runs after a later one.
-            if (i > 0) {
-                EXPECT_FALSE(accepted(cycle[i - 1].second)) << cycle[i].first.dump();
-                EXPECT_LE(policy_rank(cycle[i - 1].first), policy_rank(cycle[i].first));
-            }
+    const std::string log = run.log(), sync = "########## SYNC START";
+    EXPECT_EQ(
+        missing_in_order(log, {sync, "zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB",
+                               "open pathname = /proc/zeb/dulox_zeb_caps",
+                               "page size = " + std::to_string(sysconf(_SC_PAGESIZE)),
+                               "open pathname = /proc/zeb/dulox_zeb_flows",
+                               "open pathname = /proc/zeb/dulox_zeb_ss_flows",
+                               "CONNECTED to dulox_zeb.ko", sync, "SS FLOW FILE CONTENTS"}),
+        "");
+    // Each cycle: slow-start flows, capacities, then the gold flows only
+    // while nothing has moved; every policy stops the ones after it.
+    const Strings steps = {"SS FLOW FILE CONTENTS", "Disabling segmentation",  "CAP FILE CONTENTS",
+                           "SILVER TO GOLD",        "GOLD FLOW FILE CONTENTS", "GOLD TO SILVER",
+                           "GOLD BALANCE"};
+    size_t cycles = 0;
+    size_t at = log.find(sync, log.find("CONNECTED to dulox_zeb.ko"));
+    for (size_t end; at != std::string::npos && (end = log.find(sync, at + 1)) != std::string::npos;
+         at = end, cycles++) {  // the last cycle may be cut short by the signal
+        const std::string cycle = log.substr(at, end - at);
+        Strings seen;
+        for (const auto &s : steps)
+            if (cycle.find(s) != std::string::npos)
+                seen.push_back(s);
+        EXPECT_EQ(missing_in_order(cycle, seen), "") << cycle;
+        EXPECT_EQ(missing_in_order(cycle, {steps[0], steps[2], steps[3]}), "") << cycle;
+        if (count(cycle, "ZEB_SUGG_UP: Move successful")) {
+            EXPECT_EQ(count(cycle, "GOLD FLOW FILE CONTENTS"), 0u);
+        }
+        if (count(cycle, "ZEB_SUGG_DOWN: Move successful")) {
+            EXPECT_EQ(count(cycle, "GOLD BALANCE"), 0u);
         }
     }
-    EXPECT_TRUE(run.wait_log("ZEB_SUGG_UP: Move successful"));
-    EXPECT_TRUE(run.wait_log("ZEB_SUGG_DOWN: Move successful"));
-    EXPECT_TRUE(run.wait_log("ZEB_SUGG_BAL: Move successful"));
+    EXPECT_GT(cycles, 100u);
+    std::set<uint32_t> boosted;
+    for (const auto &[in, out] : run.answers("boost"))
+        for (const auto &e : in["entries"]) boosted.insert(e["pid"].get<uint32_t>());
+    EXPECT_EQ(boosted, (std::set<uint32_t>{999, 4242}));
 }
 
-// A capacity entry naming CPU 8 is only noticed by the verbose check, which
-// then skips the move up to gold; a quiet daemon moves the silver CPU's flows.
-TEST(Steering, CpuEightInTheCapacityTableStopsTheMoveUpOnlyWhenVerbose) {
-    const std::string order = R"(,
-  "cap_table_order": [0, 1, 2, 3, 4, 5, 6, 8])";
-    {
-        DaemonRun quiet(e2e::scenario_json(loaded_silver(order)));
-        quiet.start();
-        ASSERT_TRUE(quiet.wait_answer("suggestion", [](auto &in, auto &out) {
-            return in["sugg_type"] == "UP" && in["cur_cpu"] == 2 && in["dest_cpu"] == 4 &&
-                   accepted(out);
-        })) << quiet.describe();
-        quiet.signal(SIGTERM);
-        EXPECT_EQ(quiet.wait_exit(), 0) << quiet.describe();
-    }
-    DaemonRun verbose(e2e::scenario_json(loaded_silver(order)));
-    verbose.options.args = {"-v"};
-    verbose.start();
-    ASSERT_TRUE(verbose.wait_answer("sync", {}, 6)) << verbose.describe();
-    ASSERT_TRUE(verbose.wait_log("invalid cpu number, check contents of shared memory", 3))
-        << verbose.describe();
-    verbose.signal(SIGTERM);
-    EXPECT_EQ(verbose.wait_exit(), 0) << verbose.describe();
-    EXPECT_TRUE(verbose.requests("suggestion").empty()) << verbose.describe();
-}
-
-struct Unmappable {
+struct Retry {
     const char *scenario;
-    const char *error_prefix;
-    const char *closing;
+    Strings failure;  // one failed attempt, in order
 };
 
-class UnmappableTable : public ::testing::TestWithParam<Unmappable> {};
-
-TEST_P(UnmappableTable, EndsTheDaemonWithStatusZeroAfterItsErrorAndClose) {
-    const Unmappable &u = GetParam();
-    DaemonRun run(e2e::scenario_file(u.scenario));
-    run.start();
-    EXPECT_EQ(run.wait_exit(), 0) << run.describe();
-
-    auto entries = run.log_entries();
-    size_t at = entries.size();
-    for (size_t i = 0; i < entries.size(); i++)
-        if (entries[i].level == "ERR" && entries[i].message.rfind(u.error_prefix, 0) == 0) {
-            at = i;
-            break;
-        }
-    ASSERT_LT(at + 1, entries.size()) << run.describe();
-    EXPECT_EQ(entries[at + 1].level, "HIGH");
-    EXPECT_EQ(entries[at + 1].message, u.closing);
-    EXPECT_TRUE(run.requests("suggestion").empty());
+void PrintTo(const Retry &r, std::ostream *os) {
+    *os << r.scenario;
 }
 
-INSTANTIATE_TEST_SUITE_P(Tables, UnmappableTable,
-                         ::testing::Values(Unmappable{"faults/table-unmappable-caps.json",
-                                                      "mmap failure: ", "closing cap file"},
-                                           Unmappable{"faults/table-unmappable-flows.json",
-                                                      "mmap: ", "closing gflow file"}),
-                         [](const auto &info) {
-                             return std::string(info.index == 0 ? "Caps" : "GoldFlows");
-                         });
+class ConnectRetry : public ::testing::TestWithParam<Retry> {};
+
+// Each failed attempt undoes itself and pauses 3 s; the loop never gives up.
+TEST_P(ConnectRetry, UndoesEachAttemptPausesAndCountsThem) {
+    Daemon run(GetParam().scenario, {"-v"});
+    ASSERT_TRUE(run.wait_log("CONNECTED to dulox_zeb.ko")) << run.describe();
+    const std::string log = run.log();
+    const auto conns = zeb_conns(run);
+    const auto closed = closed_conns(run);
+    run.stop();
+
+    const size_t failed = count(log, GetParam().failure[0]);
+    ASSERT_GE(failed, 2u);
+    Strings want;
+    for (size_t i = 0; i < failed; i++) {
+        want.insert(want.end(), GetParam().failure.begin(), GetParam().failure.end());
+        want.push_back("zebusr_connect_to_dulox_zeb failed on attempt " + std::to_string(i));
+    }
+    want.push_back("zebusr_connect_to_dulox_zeb COMPLETE on attempt " + std::to_string(failed));
+    EXPECT_EQ(missing_in_order(log, want), "");
+    EXPECT_EQ(run.sleeps(3), failed);
+    ASSERT_EQ(conns.size(), failed + 1);
+    for (size_t i = 0; i < conns.size(); i++)
+        EXPECT_EQ(closed.count(conns[i]), size_t(i < failed)) << "attempt " << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, ConnectRetry,
+    ::testing::Values(Retry{"faults/family-absent-until-time.json",
+                            {"netlink received msg error for family resp",
+                             "zebusr_genl_init_sock failed"}},
+                      Retry{"faults/table-absent.json",
+                            {"open: No such file or directory", "init ssflow file failed",
+                             "closing cap file", "closing gflow file"}}),
+    [](const auto &info) { return info.index == 0 ? "FamilyAbsent" : "SlowStartTableAbsent"; });
+
+// A sync answered -1 reconnects on a fresh socket and fresh table files; the
+// old ones stay open, and a connection whose own sync fails retries at once.
+TEST(Steering, SyncAnsweredMinusOneReconnects) {
+    Daemon run("faults/sync-minus-one.json", {"-v"});
+    ASSERT_TRUE(run.wait_answer("sync", [](auto &in, auto &) { return in["t"] > 6.5; }))
+        << run.describe();
+    const std::string log = run.log();
+    const auto conns = zeb_conns(run);
+    const auto closed = closed_conns(run);
+    run.stop();
+
+    EXPECT_EQ(count(log, "sync failed, attempting to reconnect"), 1u);
+    ASSERT_GE(conns.size(), 3u);
+    EXPECT_EQ(count(log, "zebusr_sync failed"), conns.size() - 2);
+    for (size_t i = 0; i < conns.size(); i++)
+        EXPECT_EQ(closed.count(conns[i]), size_t(i > 0 && i + 1 < conns.size()))
+            << "connection " << i;
+    EXPECT_EQ(run.sleeps(3), 0u);
+    EXPECT_EQ(count(log, "open pathname = /proc/zeb/dulox_zeb_caps"), 2u);
+    EXPECT_EQ(count(log, "closing cap file"), 0u);
+}
 
 }  // namespace
