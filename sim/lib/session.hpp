@@ -19,43 +19,43 @@
 namespace sim {
 
 struct SessionOptions {
-  Scenario scenario;
-  fs::path run_dir;
-  fs::path daemon;   // the zebusrd binary
-  fs::path preload;  // libzebusr_preload.so
-  std::vector<std::string> args;  // daemon arguments
-  double time_factor = 1.0;
-  std::optional<double> tick_ms;  // overrides the scenario's
-  std::function<void(const nlohmann::ordered_json&)> observer;  // runs on the simulator thread
+    Scenario scenario;
+    fs::path run_dir;
+    fs::path daemon;                // the zebusrd binary
+    fs::path preload;               // libzebusr_preload.so
+    std::vector<std::string> args;  // daemon arguments
+    double time_factor = 1.0;
+    std::optional<double> tick_ms;                                 // overrides the scenario's
+    std::function<void(const nlohmann::ordered_json &)> observer;  // runs on the simulator thread
 };
 
 class Session {
- public:
-  explicit Session(SessionOptions o);  // starts the simulator; throws on setup errors
-  ~Session();                          // kills a daemon still running, stops the simulator
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+   public:
+    explicit Session(SessionOptions o);  // starts the simulator; throws on setup errors
+    ~Session();                          // kills a daemon still running, stops the simulator
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
 
-  void start_daemon();
-  void signal(int sig);
-  // Exit status (128 + signal when killed), or nothing if still running after timeout_s.
-  std::optional<int> wait_exit(double timeout_s);
-  bool daemon_running() const { return pid_ > 0 && !status_; }
-  std::optional<int> exit_status() const { return status_; }
-  void kill_daemon();
+    void start_daemon();
+    void signal(int sig);
+    // Exit status (128 + signal when killed), or nothing if still running after timeout_s.
+    std::optional<int> wait_exit(double timeout_s);
+    bool daemon_running() const { return pid_ > 0 && !status_; }
+    std::optional<int> exit_status() const { return status_; }
+    void kill_daemon();
 
-  double sim_now() const { return server_->sim_now(); }
-  double time_factor() const { return o_.time_factor; }
-  const RunPaths& paths() const { return server_->paths(); }
-  const Scenario& scenario() const { return o_.scenario; }
-  Server& server() { return *server_; }
+    double sim_now() const { return server_->sim_now(); }
+    double time_factor() const { return o_.time_factor; }
+    const RunPaths &paths() const { return server_->paths(); }
+    const Scenario &scenario() const { return o_.scenario; }
+    Server &server() { return *server_; }
 
- private:
-  SessionOptions o_;
-  std::unique_ptr<Server> server_;
-  std::thread thread_;
-  pid_t pid_ = -1;
-  std::optional<int> status_;
+   private:
+    SessionOptions o_;
+    std::unique_ptr<Server> server_;
+    std::thread thread_;
+    pid_t pid_ = -1;
+    std::optional<int> status_;
 };
 
 // A fresh abstract socket name for this process.

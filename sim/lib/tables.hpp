@@ -11,25 +11,25 @@
 namespace sim {
 
 inline constexpr size_t kTablePage = 4096;
-inline constexpr size_t kCapEntryLen = 26;   // 3 x u64, u16 cpu
+inline constexpr size_t kCapEntryLen = 26;  // 3 x u64, u16 cpu
 inline constexpr size_t kCapEntries = 8;
 inline constexpr size_t kFlowEntryLen = 30;  // 3 x u64, u32 hash, u16 cpu
 inline constexpr size_t kFlowFirst = 2;      // after the u16 list length
 inline constexpr size_t kFlowFit = (kTablePage - kFlowFirst) / kFlowEntryLen;
 
 struct CapEntry {
-  uint64_t pps_capacity = 0;
-  uint64_t avg_pps_capacity = 0;
-  uint64_t bps = 0;
-  uint16_t cpu = 0;
+    uint64_t pps_capacity = 0;
+    uint64_t avg_pps_capacity = 0;
+    uint64_t bps = 0;
+    uint16_t cpu = 0;
 };
 
 struct FlowEntry {
-  uint64_t rx_pps = 0;
-  uint64_t avg_pps = 0;
-  uint64_t rx_bps = 0;
-  uint32_t hash = 0;
-  uint16_t cpu = 0;
+    uint64_t rx_pps = 0;
+    uint64_t avg_pps = 0;
+    uint64_t rx_bps = 0;
+    uint32_t hash = 0;
+    uint16_t cpu = 0;
 };
 
 Bytes encode_caps(std::span<const CapEntry> entries);

@@ -36,209 +36,231 @@ const char kUsage[] =
     "At the end of the duration the daemon gets SIGTERM.\n";
 
 struct Timed {
-  double at;
-  int sig;
-  std::string name;
+    double at;
+    int sig;
+    std::string name;
 };
 
 struct Args {
-  std::string scenario;
-  fs::path out;
-  double factor = 1;
-  std::optional<double> tick_ms;
-  std::optional<double> duration;
-  std::vector<Timed> signals;
-  fs::path preload;
-  bool check = false;
-  bool quiet = false;
-  std::vector<std::string> daemon;
+    std::string scenario;
+    fs::path out;
+    double factor = 1;
+    std::optional<double> tick_ms;
+    std::optional<double> duration;
+    std::vector<Timed> signals;
+    fs::path preload;
+    bool check = false;
+    bool quiet = false;
+    std::vector<std::string> daemon;
 };
 
 struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+    using std::runtime_error::runtime_error;
 };
 
-int signal_number(const std::string& n) {
-  if (n == "USR1" || n == "SIGUSR1") return SIGUSR1;
-  if (n == "USR2" || n == "SIGUSR2") return SIGUSR2;
-  if (n == "INT" || n == "SIGINT") return SIGINT;
-  if (n == "TERM" || n == "SIGTERM") return SIGTERM;
-  throw UsageError("unknown signal " + n);
+int signal_number(const std::string &n) {
+    if (n == "USR1" || n == "SIGUSR1")
+        return SIGUSR1;
+    if (n == "USR2" || n == "SIGUSR2")
+        return SIGUSR2;
+    if (n == "INT" || n == "SIGINT")
+        return SIGINT;
+    if (n == "TERM" || n == "SIGTERM")
+        return SIGTERM;
+    throw UsageError("unknown signal " + n);
 }
 
-double number(const std::string& opt, const std::string& v) {
-  try {
-    size_t used = 0;
-    double d = std::stod(v, &used);
-    if (used == v.size() && d >= 0) return d;
-  } catch (const std::exception&) {
-  }
-  throw UsageError(opt + " needs a non-negative number, not \"" + v + "\"");
-}
-
-Args parse_args(int argc, char** argv) {
-  Args a;
-  for (int i = 1; i < argc; ++i) {
-    std::string s = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) throw UsageError(s + " needs a value");
-      return argv[++i];
-    };
-    if (s == "--") {
-      for (++i; i < argc; ++i) a.daemon.push_back(argv[i]);
-    } else if (s == "-o" || s == "--out") {
-      a.out = value();
-    } else if (s == "-f" || s == "--time-factor") {
-      a.factor = number(s, value());
-      if (a.factor <= 0) throw UsageError("--time-factor must be above 0");
-    } else if (s == "--tick-ms") {
-      a.tick_ms = number(s, value());
-    } else if (s == "--duration") {
-      a.duration = number(s, value());
-    } else if (s == "--signal") {
-      std::string v = value();
-      auto c = v.find(':');
-      if (c == std::string::npos) throw UsageError("--signal wants SECONDS:NAME, not " + v);
-      a.signals.push_back({number(s, v.substr(0, c)), signal_number(v.substr(c + 1)), v.substr(c + 1)});
-    } else if (s == "--preload") {
-      a.preload = value();
-    } else if (s == "--check") {
-      a.check = true;
-    } else if (s == "-q" || s == "--quiet") {
-      a.quiet = true;
-    } else if (s == "-h" || s == "--help") {
-      std::fputs(kUsage, stdout);
-      std::exit(0);
-    } else if (!s.empty() && s[0] == '-') {
-      throw UsageError("unknown option " + s);
-    } else if (a.scenario.empty()) {
-      a.scenario = s;
-    } else {
-      throw UsageError("unexpected argument " + s + " (put the daemon after --)");
+double number(const std::string &opt, const std::string &v) {
+    try {
+        size_t used = 0;
+        double d = std::stod(v, &used);
+        if (used == v.size() && d >= 0)
+            return d;
+    } catch (const std::exception &) {
     }
-  }
-  if (a.scenario.empty()) throw UsageError("no scenario file given");
-  return a;
+    throw UsageError(opt + " needs a non-negative number, not \"" + v + "\"");
 }
 
-fs::path default_out(const std::string& name) {
-  char stamp[32];
-  std::time_t now = std::time(nullptr);
-  std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", std::localtime(&now));
-  return fs::path("sim-out") / (name + "-" + stamp);
+Args parse_args(int argc, char **argv) {
+    Args a;
+    for (int i = 1; i < argc; ++i) {
+        std::string s = argv[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= argc)
+                throw UsageError(s + " needs a value");
+            return argv[++i];
+        };
+        if (s == "--") {
+            for (++i; i < argc; ++i) a.daemon.push_back(argv[i]);
+        } else if (s == "-o" || s == "--out") {
+            a.out = value();
+        } else if (s == "-f" || s == "--time-factor") {
+            a.factor = number(s, value());
+            if (a.factor <= 0)
+                throw UsageError("--time-factor must be above 0");
+        } else if (s == "--tick-ms") {
+            a.tick_ms = number(s, value());
+        } else if (s == "--duration") {
+            a.duration = number(s, value());
+        } else if (s == "--signal") {
+            std::string v = value();
+            auto c = v.find(':');
+            if (c == std::string::npos)
+                throw UsageError("--signal wants SECONDS:NAME, not " + v);
+            a.signals.push_back(
+                {number(s, v.substr(0, c)), signal_number(v.substr(c + 1)), v.substr(c + 1)});
+        } else if (s == "--preload") {
+            a.preload = value();
+        } else if (s == "--check") {
+            a.check = true;
+        } else if (s == "-q" || s == "--quiet") {
+            a.quiet = true;
+        } else if (s == "-h" || s == "--help") {
+            std::fputs(kUsage, stdout);
+            std::exit(0);
+        } else if (!s.empty() && s[0] == '-') {
+            throw UsageError("unknown option " + s);
+        } else if (a.scenario.empty()) {
+            a.scenario = s;
+        } else {
+            throw UsageError("unexpected argument " + s + " (put the daemon after --)");
+        }
+    }
+    if (a.scenario.empty())
+        throw UsageError("no scenario file given");
+    return a;
 }
 
-fs::path self_dir() { return fs::read_symlink("/proc/self/exe").parent_path(); }
+fs::path default_out(const std::string &name) {
+    char stamp[32];
+    std::time_t now = std::time(nullptr);
+    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", std::localtime(&now));
+    return fs::path("sim-out") / (name + "-" + stamp);
+}
+
+fs::path self_dir() {
+    return fs::read_symlink("/proc/self/exe").parent_path();
+}
 
 volatile sig_atomic_t g_interrupted = 0;
-void on_interrupt(int) { g_interrupted = 1; }
-
-void sleep_real(double s) { std::this_thread::sleep_for(std::chrono::duration<double>(s)); }
-
-void print_device(const sim::Scenario& s) {
-  std::printf("Scenario %s (%s): %s\n", s.name.c_str(), s.file.c_str(), s.description.c_str());
-  std::printf("  device: 8 CPUs, max pps");
-  for (int c = 0; c < sim::kCpus; ++c) std::printf(" cpu%d=%.0f", c, s.cpus[c].max_pps);
-  std::printf("\n  %zu flow(s), %zu process(es), %zu fault(s), tick %.0f ms\n", s.flows.size(), s.processes.size(),
-              s.faults.size(), s.tick_ms);
-  for (const auto& f : s.flows)
-    std::printf("    flow %-10s %-16s on cpu%d from %.1fs%s\n", sim::hash_str(f.hash).c_str(), f.name.c_str(), f.cpu,
-                f.start_s, f.slow_start ? " (slow start)" : "");
-  for (const auto& p : s.processes) std::printf("    pid  %-10u %-16s from %.1fs\n", p.pid, p.name.c_str(), p.start_s);
-  std::fflush(stdout);
+void on_interrupt(int) {
+    g_interrupted = 1;
 }
 
-int run(const Args& a, const sim::Scenario& sc) {
-  double duration = a.duration.value_or(sc.duration_s);
-  sim::Reporter rep(stdout, !a.quiet);
-  sim::SessionOptions o;
-  o.scenario = sc;
-  o.run_dir = a.out.empty() ? default_out(sc.name) : a.out;
-  o.time_factor = a.factor;
-  o.tick_ms = a.tick_ms;
-  o.preload = a.preload.empty() ? self_dir() / "libzebusr_preload.so" : a.preload;
-  if (!a.daemon.empty()) {
-    o.daemon = a.daemon[0];
-    o.args.assign(a.daemon.begin() + 1, a.daemon.end());
-  }
-  o.observer = [&rep](const nlohmann::ordered_json& r) { rep.on_record(r); };
-  print_device(sc);
-  sim::Session ses(o);
-  ::signal(SIGINT, on_interrupt);
-  ::signal(SIGTERM, on_interrupt);
-  if (a.daemon.empty()) {
-    std::printf("Simulator serving for %.1f simulated seconds. Start the daemon with:\n"
-                "  LD_PRELOAD=%s ZEBUSR_SIM_SOCKET=%s ZEBUSR_SIM_RUNDIR=%s ZEBUSR_SIM_TIME_FACTOR=%g "
-                "ASAN_OPTIONS=verify_asan_link_order=0 zebusrd\n",
-                duration, fs::absolute(o.preload).c_str(), ses.server().socket_name().c_str(),
-                fs::absolute(ses.paths().dir).c_str(), a.factor);
-  } else {
-    std::printf("Starting %s under the simulator (time factor %g)\n\n", o.daemon.c_str(), a.factor);
-    ses.start_daemon();
-  }
-  std::fflush(stdout);
-  auto pending = a.signals;
-  while (ses.sim_now() < duration && !g_interrupted && (a.daemon.empty() || !ses.wait_exit(0))) {
-    for (auto it = pending.begin(); it != pending.end();) {
-      if (ses.sim_now() < it->at) {
-        ++it;
-        continue;
-      }
-      rep.note(ses.sim_now(), "SIGNAL SIG" + it->name + " sent to the daemon");
-      ses.signal(it->sig);
-      it = pending.erase(it);
+void sleep_real(double s) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(s));
+}
+
+void print_device(const sim::Scenario &s) {
+    std::printf("Scenario %s (%s): %s\n", s.name.c_str(), s.file.c_str(), s.description.c_str());
+    std::printf("  device: 8 CPUs, max pps");
+    for (int c = 0; c < sim::kCpus; ++c) std::printf(" cpu%d=%.0f", c, s.cpus[c].max_pps);
+    std::printf("\n  %zu flow(s), %zu process(es), %zu fault(s), tick %.0f ms\n", s.flows.size(),
+                s.processes.size(), s.faults.size(), s.tick_ms);
+    for (const auto &f : s.flows)
+        std::printf("    flow %-10s %-16s on cpu%d from %.1fs%s\n", sim::hash_str(f.hash).c_str(),
+                    f.name.c_str(), f.cpu, f.start_s, f.slow_start ? " (slow start)" : "");
+    for (const auto &p : s.processes)
+        std::printf("    pid  %-10u %-16s from %.1fs\n", p.pid, p.name.c_str(), p.start_s);
+    std::fflush(stdout);
+}
+
+int run(const Args &a, const sim::Scenario &sc) {
+    double duration = a.duration.value_or(sc.duration_s);
+    sim::Reporter rep(stdout, !a.quiet);
+    sim::SessionOptions o;
+    o.scenario = sc;
+    o.run_dir = a.out.empty() ? default_out(sc.name) : a.out;
+    o.time_factor = a.factor;
+    o.tick_ms = a.tick_ms;
+    o.preload = a.preload.empty() ? self_dir() / "libzebusr_preload.so" : a.preload;
+    if (!a.daemon.empty()) {
+        o.daemon = a.daemon[0];
+        o.args.assign(a.daemon.begin() + 1, a.daemon.end());
     }
-    sleep_real(0.005);
-  }
-  int status = -1;
-  if (!a.daemon.empty()) {
-    if (ses.daemon_running()) {
-      rep.note(ses.sim_now(), "SIGNAL SIGTERM sent to the daemon (end of run)");
-      ses.signal(SIGTERM);
+    o.observer = [&rep](const nlohmann::ordered_json &r) { rep.on_record(r); };
+    print_device(sc);
+    sim::Session ses(o);
+    ::signal(SIGINT, on_interrupt);
+    ::signal(SIGTERM, on_interrupt);
+    if (a.daemon.empty()) {
+        std::printf(
+            "Simulator serving for %.1f simulated seconds. Start the daemon with:\n"
+            "  LD_PRELOAD=%s ZEBUSR_SIM_SOCKET=%s ZEBUSR_SIM_RUNDIR=%s ZEBUSR_SIM_TIME_FACTOR=%g "
+            "ASAN_OPTIONS=verify_asan_link_order=0 zebusrd\n",
+            duration, fs::absolute(o.preload).c_str(), ses.server().socket_name().c_str(),
+            fs::absolute(ses.paths().dir).c_str(), a.factor);
+    } else {
+        std::printf("Starting %s under the simulator (time factor %g)\n\n", o.daemon.c_str(),
+                    a.factor);
+        ses.start_daemon();
     }
-    auto st = ses.wait_exit(5);
-    if (!st) {
-      rep.note(ses.sim_now(), "daemon did not stop within 5 s; killed");
-      ses.kill_daemon();
-      st = ses.exit_status();
+    std::fflush(stdout);
+    auto pending = a.signals;
+    while (ses.sim_now() < duration && !g_interrupted && (a.daemon.empty() || !ses.wait_exit(0))) {
+        for (auto it = pending.begin(); it != pending.end();) {
+            if (ses.sim_now() < it->at) {
+                ++it;
+                continue;
+            }
+            rep.note(ses.sim_now(), "SIGNAL SIG" + it->name + " sent to the daemon");
+            ses.signal(it->sig);
+            it = pending.erase(it);
+        }
+        sleep_real(0.005);
     }
-    status = st.value_or(-1);
-    rep.note(ses.sim_now(), "daemon exited with status " + std::to_string(status));
-  }
-  auto device = ses.server().snapshot();
-  rep.summary(device, ses.sim_now(), status);
-  std::ofstream(ses.paths().dir / "summary.json") << device.dump(2) << '\n';
-  const auto& p = ses.paths();
-  std::printf("\nOutput folder: %s\n  log         %s\n  csv         %s\n  transcript  %s\n  tables      %s\n"
-              "  preload     %s\n",
-              fs::absolute(p.dir).c_str(), fs::relative(p.log(), p.dir).c_str(), fs::relative(p.csv(), p.dir).c_str(),
-              p.transcript().filename().c_str(), p.tables().filename().c_str(), p.preload().filename().c_str());
-  return 0;
+    int status = -1;
+    if (!a.daemon.empty()) {
+        if (ses.daemon_running()) {
+            rep.note(ses.sim_now(), "SIGNAL SIGTERM sent to the daemon (end of run)");
+            ses.signal(SIGTERM);
+        }
+        auto st = ses.wait_exit(5);
+        if (!st) {
+            rep.note(ses.sim_now(), "daemon did not stop within 5 s; killed");
+            ses.kill_daemon();
+            st = ses.exit_status();
+        }
+        status = st.value_or(-1);
+        rep.note(ses.sim_now(), "daemon exited with status " + std::to_string(status));
+    }
+    auto device = ses.server().snapshot();
+    rep.summary(device, ses.sim_now(), status);
+    std::ofstream(ses.paths().dir / "summary.json") << device.dump(2) << '\n';
+    const auto &p = ses.paths();
+    std::printf(
+        "\nOutput folder: %s\n  log         %s\n  csv         %s\n  transcript  %s\n  tables      "
+        "%s\n"
+        "  preload     %s\n",
+        fs::absolute(p.dir).c_str(), fs::relative(p.log(), p.dir).c_str(),
+        fs::relative(p.csv(), p.dir).c_str(), p.transcript().filename().c_str(),
+        p.tables().filename().c_str(), p.preload().filename().c_str());
+    return 0;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  Args a;
-  sim::Scenario sc;
-  try {
-    a = parse_args(argc, argv);
-    sc = sim::load_scenario(a.scenario);
-  } catch (const UsageError& e) {
-    std::fprintf(stderr, "zebusr-sim: %s\n%s", e.what(), kUsage);
-    return 2;
-  } catch (const sim::ScenarioError& e) {
-    std::fprintf(stderr, "zebusr-sim: %s\n", e.what());
-    return 2;
-  }
-  if (a.check) {
-    std::printf("%s: scenario \"%s\" is valid\n", a.scenario.c_str(), sc.name.c_str());
-    return 0;
-  }
-  try {
-    return run(a, sc);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "zebusr-sim: %s\n", e.what());
-    return 1;
-  }
+int main(int argc, char **argv) {
+    Args a;
+    sim::Scenario sc;
+    try {
+        a = parse_args(argc, argv);
+        sc = sim::load_scenario(a.scenario);
+    } catch (const UsageError &e) {
+        std::fprintf(stderr, "zebusr-sim: %s\n%s", e.what(), kUsage);
+        return 2;
+    } catch (const sim::ScenarioError &e) {
+        std::fprintf(stderr, "zebusr-sim: %s\n", e.what());
+        return 2;
+    }
+    if (a.check) {
+        std::printf("%s: scenario \"%s\" is valid\n", a.scenario.c_str(), sc.name.c_str());
+        return 0;
+    }
+    try {
+        return run(a, sc);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "zebusr-sim: %s\n", e.what());
+        return 1;
+    }
 }
