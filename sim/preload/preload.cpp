@@ -198,6 +198,22 @@ bool wants_mode(int flags) {
     return (flags & O_CREAT) || (flags & __O_TMPFILE) == __O_TMPFILE;
 }
 
+// The mode argument exists only when the flags ask for one.
+mode_t mode_arg(int flags, va_list ap) {
+    return wants_mode(flags) ? mode_t(va_arg(ap, int)) : 0;
+}
+
+using Open2Fn = int (*)(const char *, int);
+
+// The fortified entry points take no mode.
+int open2_redirected(const char *path, int flags, const char *name, std::atomic<Open2Fn> &real) {
+    if (!real)
+        real = next<Open2Fn>(name);
+    char buf[4096];
+    const char *p = redirect(path, kProcPrefix, sizeof kProcPrefix - 1, buf, sizeof buf);
+    return real.load()(p ? p : path, flags);
+}
+
 }  // namespace
 
 extern "C" {
@@ -264,44 +280,30 @@ int pthread_create(pthread_t *t, const pthread_attr_t *attr, void *(*fn)(void *)
 
 int open(const char *path, int flags, ...) {
     REAL(open, OpenFn);
-    mode_t mode = 0;
-    if (wants_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = mode_t(va_arg(ap, int));
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
     return open_redirected(path, flags, mode, real_open);
 }
 
 int open64(const char *path, int flags, ...) {
     REAL(open64, OpenFn);
-    mode_t mode = 0;
-    if (wants_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = mode_t(va_arg(ap, int));
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
     return open_redirected(path, flags, mode, real_open64);
 }
 
 int __open_2(const char *path, int flags) {
-    static std::atomic<int (*)(const char *, int)> real{nullptr};
-    if (!real)
-        real = next<int (*)(const char *, int)>("__open_2");
-    char buf[4096];
-    const char *p = redirect(path, kProcPrefix, sizeof kProcPrefix - 1, buf, sizeof buf);
-    return real.load()(p ? p : path, flags);
+    static std::atomic<Open2Fn> real{nullptr};
+    return open2_redirected(path, flags, "__open_2", real);
 }
 
 int __open64_2(const char *path, int flags) {
-    static std::atomic<int (*)(const char *, int)> real{nullptr};
-    if (!real)
-        real = next<int (*)(const char *, int)>("__open64_2");
-    char buf[4096];
-    const char *p = redirect(path, kProcPrefix, sizeof kProcPrefix - 1, buf, sizeof buf);
-    return real.load()(p ? p : path, flags);
+    static std::atomic<Open2Fn> real{nullptr};
+    return open2_redirected(path, flags, "__open64_2", real);
 }
 
 FILE *fopen(const char *path, const char *mode) {
