@@ -1,4 +1,5 @@
 #include "boost/boost.h"
+#include "boost/core_request.h"
 #include "core/log.h"
 #include "netlink/genl_family.h"
 
@@ -7,21 +8,9 @@ int duloxusr_send_pid_bps_req(const duloxusr_pid_bps_info *req, duloxusr_pid_bps
         ZLOG(ERR, "error: invalid args");
         return -1;
     }
-    // Cleared so the reserved field and the rounding bytes never carry stack leftovers.
-    zebusr_nl_msg msg = {};
-    if (zebusr_create_genl_msg(&msg, dulox_family_id, DULOXUSR_GENL_CMD_PID_BPS) != 0) {
-        ZLOG(ERR, "failed to create netlink message");
+    if (DULOXUSR_REQUEST_SEND(DULOXUSR_GENL_CMD_PID_BPS, req, duloxusr_genl_set_pid_bytes_attr) !=
+        0)
         return -1;
-    }
-    // The wording is borrowed from the steering sync and kept.
-    if (duloxusr_genl_set_pid_bytes_attr(&msg, req) != 0) {
-        ZLOG(ERR, "failed to set suggestion attribute for syncing");
-        return -1;
-    }
-    if (zebusr_netlink_msg_send(duloxusr_genl_sk_fd, &msg, msg.n.nlmsg_len) != 0) {
-        ZLOG(ERR, "netlink failed to send to fd");
-        return -1;
-    }
     ZLOG(LOW, "########## PID - BPS REQUESTED ############\n");
 
     if (zebusr_genl_recv_pid_byte_info_from_kernel(resp) != 0) {
