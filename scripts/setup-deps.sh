@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the simulator need,
-# only those that are missing. Safe to run again.
+# only those that are missing. Safe to run again. Extra package names given
+# as arguments are installed the same way (the aarch64 and VM suites use it).
 set -euo pipefail
 
-packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev)
+packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev "$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -22,9 +22,27 @@ for preset in default asan; do
     [ $rc -eq 0 ] || status=1
 done
 
+# Suites beyond the host build: each prints its own closing line and exits
+# non-zero on a failure.
+extras=()
+for suite in scripts/test-suites/*.sh; do
+    [ -f "$suite" ] || continue
+    name=$(basename "$suite" .sh)
+    echo "=== $name"
+    if bash "$suite" >"build/$name-summary.txt" 2>&1; then
+        extras+=("$name passed")
+    else
+        extras+=("$name FAILED")
+        status=1
+        cat "build/$name-summary.txt"
+    fi
+    tail -n 3 "build/$name-summary.txt"
+done
+
 echo "=== summary"
 for preset in default asan; do
     printf '%-8s ' "$preset"
     grep -E 'tests passed|tests failed' "build/$preset/ctest-summary.txt" 2>/dev/null || echo "no result"
 done
+for line in "${extras[@]}"; do echo "$line"; done
 exit $status
