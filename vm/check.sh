@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# Asserts on what one VM run brought out (vm/run.sh OUT): each case extracts a
+# normalised view of the daemon's log, CSV capture or the module's transcript
+# and compares it whole with vm/expected/CASE.txt. Prints one line per case
+# and "N passed, M failed"; exits non-zero on a failure.
+#   vm/check.sh OUT            check
+#   vm/check.sh OUT --show     print the views instead
+set -uo pipefail
+out=${1:?usage: check.sh OUT [--show]}
+here=$(cd "$(dirname "$0")" && pwd)
+
+ids() { sed -n 's/^load zeb=\([0-9]*\) core=\([0-9]*\)$/\1 \2/p' "$out/$1"; }
+read -r zeb1 core1 < <(ids transcript-1.txt)
+read -r zeb2 core2 < <(ids transcript-2.txt)
+daemon=$(sed -n 's/^daemon pid //p' "$out/scenario.txt")
+
+# Log lines as "function (LEVEL): text": no time stamp, no source line, no
+# blank lines; descriptors and sequence numbers vary from run to run.
+# The daemon writes a line as prefix, text and newline without a lock, so two
+# threads' lines can interleave: each prefix starts a line again, and a text
+# that lost its prefix goes back to the last prefix still without one.
+log() {
+    sed -E 's/ ?[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6} +([a-z_0-9]+)\(\): *[0-9]+ \((HIGH|ERR|MED|LOW)\): /\n\1 (\2): /g' \
+        "$out/zebusr_log.txt" |
+        awk '/^[a-z_0-9]+ \((HIGH|ERR|MED|LOW)\): / { text[NR] = $0; if (/\): $/) bare[++n] = NR; next }
+             /^$/ { next }
+             n { text[bare[n]] = text[bare[n]] $0; n--; next }
+             { text[NR] = $0 }
+             END { for (i = 1; i <= NR; i++) if (i in text) print text[i] }' |
+        sed -E -e 's/(fd|skfd) = [0-9]+/\1 = FD/; s/seq_num( =)? [0-9]+/seq_num\1 N/' \
+            -e "s/Family id = $zeb1( |$)/Family id = ZEB1\1/; s/Family id = $zeb2( |$)/Family id = ZEB2\1/" \
+            -e "s/Family id = $core1$/Family id = CORE1/"
+}
+
+# The evaluation thread's connections, from start to the exit handler.
+view_connection() {
+    log | grep -E '^(main|zebusr_evaluate|zebusr_connect_loop|zebusr_connect_to_dulox_zeb|zebusr_init_[a-z]+_file|zebusr_start_logging|zebusr_sig_handler|zebusr_cleanup|zebusr_deinit_[a-z]+_file) |^zebusr_genl_init_sock \(MED\): ZEB Family|^zebusr_genl_recv_int_from_kernel \(LOW\):   kernel' |
+        grep -v 'Starting dulox_freq_boost_thread' | uniq |
+        # After the signal only the exit path counts: a reply may still land.
+        awk '/Signal Handler Invoked/ { ending = 1 }
+             !ending || /^(zebusr_sig_handler|zebusr_cleanup|zebusr_deinit_[a-z]+_file) / { print }'
+    echo "lookups refused before the first connection: $(log | sed '/COMPLETE on attempt/q' | grep -c '^zebusr_netlink_msg_recv (MED): netlink received msg error for family resp$')"
+    echo "receive time-outs: $(log | grep -c '^zebusr_netlink_msg_recv (MED): recv error - len_recv < 0$')"
+}
+
+# The boost thread; an evaluation that repeats the one before is shown once.
+view_boost() {
+    log | grep -E '^(dulox_freq_boost_monitor|duloxusr_[a-z_]+|zebusr_genl_recv_pid_byte_info_from_kernel) |^main \(HIGH\): Starting dulox_freq|DULOX Family id' |
+        awk '/^dulox_freq_boost_monitor \(LOW\): Evaluating/ { if (block != last) printf "%s", block; last = block; block = "" }
+             { block = block $0 "\n" }
+             END { if (block != last) printf "%s", block }'
+}
+
+# What the policies decided and the tables as the daemon first read them.
+view_decisions() {
+    local l
+    l=$(log)
+    grep -m 8 'ZEB_CAPS: >' <<<"$l"
+    grep -m 3 'ZEB_MMAP: >' <<<"$l"
+    grep -m 2 'ZEB_SLOW: >' <<<"$l"
+    grep -E '\(HIGH\):   ZEB_SUGG_(UP|DOWN|BAL):|Disabling segmentation' <<<"$l"
+}
+
+# Requests as the module decoded them, per family; ports named in order of
+# appearance; repeats of the line before shown once.
+view_requests() {
+    cat "$out/transcript-1.txt" "$out/transcript-2.txt" |
+        sed -E -e 's/ seq=[0-9]+//' -e "s/ pid=$daemon / pid=DAEMON /" \
+            -e "s/ type=$zeb1 / type=ZEB1 /; s/ type=$core1 / type=CORE1 /; s/ type=$zeb2 / type=ZEB2 /" \
+            -e "s/^load zeb=$zeb1 core=$core1$/load ZEB1 CORE1/; s/^load zeb=$zeb2 core=$core2$/load ZEB2 CORE2/" |
+        awk '{ fam = ($1 == "pid_bps" || $1 == "boost") ? "core" : "steering" }
+             match($0, / port=[0-9]+/) {
+                 p = substr($0, RSTART + 6, RLENGTH - 6)
+                 if (!((fam, p) in name)) name[fam, p] = substr(fam, 1, 1) (++n[fam])
+                 sub(/ port=[0-9]+/, " port=" name[fam, p])
+             }
+             { print > ("/dev/fd/" (fam == "core" ? 3 : 1)) }' 3>"$out/.core-requests" | uniq
+    echo "--- core"
+    uniq "$out/.core-requests"
+}
+
+view_csv() {
+    sed -E 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6},[0-9]+,/TIME,SEQ,/' "$out/zebusr_caps.csv" | uniq
+}
+
+view_outcome() {
+    sed -E 's/^[0-9.]+ //' "$out/scenario.txt" | grep -v '^daemon pid'
+    [ "$zeb2" != "$zeb1" ] && [ "$core2" != "$core1" ] && echo "families registered again under new ids"
+}
+
+cases=(connection boost decisions requests csv outcome)
+if [ "${2:-}" = --show ]; then
+    for c in "${cases[@]}"; do echo "=== $c"; "view_$c"; done
+    exit 0
+fi
+passed=0 failed=0
+for c in "${cases[@]}"; do
+    if diff -u "$here/expected/$c.txt" <("view_$c") >"$out/$c.diff" 2>&1; then
+        echo "ok   vm/$c"
+        passed=$((passed + 1))
+    else
+        echo "FAIL vm/$c"
+        cat "$out/$c.diff"
+        failed=$((failed + 1))
+    fi
+done
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
