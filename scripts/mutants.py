@@ -1,0 +1,527 @@
+#!/usr/bin/env python3
+"""Mutation runner for the daemon sources (src/**/*.cpp, src/**/*.h but main.cpp).
+
+Each mutant is one small change to one line, built and tested in a scratch
+copy of the tree (build/mutants/tree, its own build folder inside). A mutant
+is killed when a test executable fails or hangs; a survivor shows where the
+tests would not notice a fault.
+
+modes (pick one):
+  --list               list the mutants and their count per operator, build nothing
+  --sample N [--seed S] a reproducible random sample of N mutants (seed 1 by default)
+  --full               every mutant
+  --counts             only the test/code line counts of the project's rule
+
+options:
+  --files PATTERN      only sources matching the glob or substring (repeatable)
+  --ref REV            test the committed tree REV instead of the working tree
+
+operators: rel (< <= > >= shifted), eq (== !=), logic (&& ||), lit (integer
+literal +1/-1), log (ZLOG level: HIGH->MED, ERR->LOW, MED->HIGH, LOW->ERR, which
+moves the line across the verbose gate and changes its level word), call (a
+standalone call statement replaced by {}), flow (continue;/break; replaced by
+{}), ret (return 0; <-> return -1;). Comments, strings, preprocessor lines and
+static_assert are never touched.
+
+results: killed, timeout (counts as killed), survived, no-compile, equivalent.
+score = killed / (killed + survived); no-compile and equivalent are left out.
+The lines go to the terminal and to build/mutants/report.txt.
+
+tests/equivalent-mutants.md: one Markdown list item per mutant that no test
+can tell from the original, as the runner prints it for each survivor:
+  - FILE | OP | ORIGINAL LINE -> MUTATED LINE | why it is equivalent
+where the lines are stripped and free of trailing comments, and " #K" follows
+the mutated line for the K-th identical mutant in the same file (K >= 2).
+Listed mutants still run; a listed survivor is reported 'equivalent'.
+Identifiers carry no line numbers, so they survive unrelated edits.
+"""
+import argparse
+import fnmatch
+import io
+import json
+import os
+import random
+import re
+import signal
+import subprocess
+import sys
+import tarfile
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+OUT = ROOT / "build" / "mutants"
+TREE = OUT / "tree"
+BUILD = TREE / "build"
+EQUIV = "tests/equivalent-mutants.md"
+LOG_SWAP = {"HIGH": "MED", "ERR": "LOW", "MED": "HIGH", "LOW": "ERR"}
+REL_SWAP = {"<": "<=", "<=": "<", ">": ">=", ">=": ">"}
+NOT_CALLS = {"if", "while", "for", "switch", "return", "sizeof", "static_assert", "do", "else",
+             "case", "new", "delete", "throw", "decltype", "alignof", "catch", "using", "typedef"}
+
+
+def git(*args, **kw):
+    return subprocess.run(["git", *args], cwd=ROOT, check=True, capture_output=True, **kw).stdout
+
+
+def listed_files():
+    return git("ls-files", "-co", "--exclude-standard", "-z").decode().split("\0")[:-1]
+
+
+# ---- the test/code line counts, as the before-stop hook makes them
+
+def line_counts():
+    sums = {"tests": b"", "code": b""}
+    for f in listed_files():
+        if f.startswith("shared/") or not re.search(r"\.(c|cc|cpp|h|hpp)$", f):
+            continue
+        if (ROOT / f).is_file():  # cat concatenates, so a missing final newline joins lines
+            key = "tests" if re.search(r"(^|/)tests/", f) else "code"
+            sums[key] += (ROOT / f).read_bytes()
+    def count(data):
+        lines = data.split(b"\n")
+        if lines and lines[-1] == b"":
+            lines.pop()
+        return sum(1 for ln in lines if not re.match(rb"^\s*($|//)", ln))
+    return count(sums["tests"]), count(sums["code"])
+
+
+def print_counts():
+    t, c = line_counts()
+    print(f"lines: tests {t}, code {c}, ratio {t / c:.2f} (aim 0.25-0.33, never above 0.35)")
+
+
+# ---- masking: comments, literals, preprocessor, static_assert and attributes become blanks
+
+def mask(text):
+    out, i, n = list(text), 0, len(text)
+    while i < n:
+        c, nxt = text[i], text[i + 1:i + 2]
+        if c == "/" and nxt in ("/", "*"):
+            end = text.find("\n", i) if nxt == "/" else text.find("*/", i + 2) + 2
+            end = n if end <= 1 or end == -1 else end
+            for k in range(i, end):
+                out[k] = out[k] if text[k] == "\n" else " "
+            i = end
+        elif c in "\"'":
+            k = i + 1
+            while k < n and text[k] != c and text[k] != "\n":
+                k += 2 if text[k] == "\\" else 1
+            for j in range(i + 1, min(k, n)):
+                out[j] = "_"
+            i = k + 1
+        else:
+            i += 1
+    masked = "".join(out)
+    lines, cont = masked.split("\n"), False
+    for idx, ln in enumerate(lines):  # preprocessor lines with their continuations
+        if cont or ln.lstrip().startswith("#"):
+            cont = ln.rstrip().endswith("\\")
+            lines[idx] = " " * len(ln)
+    masked = "\n".join(lines)
+    for m in list(re.finditer(r"\bstatic_assert\b[^;]*;|\b__attribute__\s*\(", masked)):
+        end = m.end() if m.group().endswith(";") else close_paren(masked, m.end() - 1) + 1
+        masked = masked[:m.start()] + re.sub(r"[^\n]", " ", masked[m.start():end]) + masked[end:]
+    return masked
+
+
+def close_paren(masked, i):
+    depth = 0
+    for k in range(i, len(masked)):
+        depth += {"(": 1, ")": -1}.get(masked[k], 0)
+        if depth == 0:
+            return k
+    return len(masked) - 1
+
+
+def block_kinds(masked):
+    """The kind of the innermost block at the start of each line: file, record, code, other."""
+    kinds, stack, prefix = [], ["file"], ""
+    for ln in masked.split("\n"):
+        kinds.append(stack[-1])
+        for c in ln + " ":
+            if c == "{":
+                p = prefix.strip()
+                if re.search(r"\b(struct|union|class)\b", p) and not re.search(r"[=(]", p):
+                    stack.append("record")
+                elif re.search(r"(^|\)|\belse|\bdo|\btry|:)(\s*(const|noexcept|override))*$", p):
+                    stack.append("code")
+                else:
+                    stack.append("other")
+            elif c == "}" and len(stack) > 1:
+                stack.pop()
+            prefix = "" if c in "{};" else prefix + c
+    return kinds
+
+
+# ---- operators: each yields (start, end, replacement) offsets into the line
+
+def op_rel(ln, _):
+    for m in re.finditer(r"(?<=\s)(<=|>=|<|>)(?=\s)", ln):
+        yield m.start(), m.end(), REL_SWAP[m.group()]
+
+
+def op_eq(ln, _):
+    for m in re.finditer(r"(?<=\s)(==|!=)(?=\s)", ln):
+        yield m.start(), m.end(), "!=" if m.group() == "==" else "=="
+
+
+def op_logic(ln, _):
+    for m in re.finditer(r"(?<=\s)(&&|\|\|)(?=\s)", ln):
+        yield m.start(), m.end(), "||" if m.group() == "&&" else "&&"
+
+
+def unary(before):
+    """Whether a minus after `before` is a sign rather than a subtraction."""
+    return not re.search(r"[\w)\]]\s*$", before) or re.search(r"\b(return|case)\s*$", before)
+
+
+def op_lit(ln, kind):
+    for m in re.finditer(r"(?<![\w.])(0[xX][0-9a-fA-F]+|[0-9]+)([uUlL]*)(?![\w.])", ln):
+        digits, start = m.group(1), m.start()
+        if len(digits) > 1 and digits[0] == "0" and digits[1] not in "xX":
+            continue  # octal
+        if kind == "record" and ln[:start].rstrip().endswith("[") and ln[m.end():].lstrip().startswith("]"):
+            continue  # a record's array size: only breaks the layout asserts
+        hexa = digits[:2].lower() == "0x"
+        value = int(digits, 16 if hexa else 10)
+        if not hexa and start > 0 and ln[start - 1] == "-" and unary(ln[:start - 1]):
+            start, value = start - 1, -value  # unary minus belongs to the literal
+        for v in sorted({value + 1, value - 1}, key=abs):
+            if hexa:
+                if v < 0:
+                    continue
+                body = format(v, "x").zfill(len(digits) - 2)
+                text = digits[:2] + (body.upper() if digits[2:].isupper() else body)
+            else:
+                text = str(v)
+            yield start, m.end(), text + m.group(2)
+
+
+def op_log(ln, _):
+    for m in re.finditer(r"\bZLOG(?:_AT|_AS)?\(\s*(HIGH|ERR|MED|LOW)\b", ln):
+        yield m.start(1), m.end(1), LOG_SWAP[m.group(1)]
+
+
+def op_ret(ln, _):
+    for m in re.finditer(r"\breturn\s+(0|-1)\s*;", ln):
+        yield m.start(1), m.end(1), "-1" if m.group(1) == "0" else "0"
+
+
+def op_flow(ln, _):
+    for m in re.finditer(r"\b(continue|break)\s*;", ln):
+        yield m.start(), m.end(), "{}"
+
+
+# ret before lit: the two meet on `return 0;` and the first one keeps the mutant.
+LINE_OPS = [("rel", op_rel), ("eq", op_eq), ("logic", op_logic), ("ret", op_ret),
+            ("lit", op_lit), ("log", op_log), ("flow", op_flow)]
+
+
+def call_statements(masked, kinds):
+    """Standalone call statements `f(...);`, `a.b(...);`, `p->f(...);` that begin a line."""
+    offset = 0
+    for idx, ln in enumerate(masked.split("\n")):
+        m = re.match(r"(\s*)((?:::)?[A-Za-z_]\w*(?:\s*(?:::|\.|->)\s*[A-Za-z_]\w*)*)\s*\(", ln)
+        before = masked[:offset].rstrip()
+        if (m and kinds[idx] == "code" and re.split(r"\W", m.group(2))[0] not in NOT_CALLS
+                and (before[-1:] in (";", "{", "}", ")", ":") or re.search(r"\b(else|do)$", before))):
+            close = close_paren(masked, offset + m.end() - 1)
+            semi = re.match(r"\s*;", masked[close + 1:])
+            if semi:
+                yield idx, offset + m.end(1), close + 1 + semi.end()
+        offset += len(ln) + 1
+
+
+def code_part(line, masked_line):
+    """The line stripped, without a trailing comment."""
+    end = len(masked_line.rstrip())
+    return line[:end].strip()
+
+
+def mutants_of(path, text):
+    masked, found, seen = mask(text), [], set()
+    lines, mlines = text.split("\n"), masked.split("\n")
+    kinds = block_kinds(masked)
+    offset = 0
+    for idx, (ln, mln) in enumerate(zip(lines, mlines)):
+        for op, fn in LINE_OPS:
+            for s, e, new in fn(mln, kinds[idx]):
+                mutated = ln[:s] + new + ln[e:]
+                key = (idx, mutated)
+                if mutated == ln or key in seen:
+                    continue
+                seen.add(key)
+                mmasked = mln[:s] + new + mln[e:]
+                found.append(dict(path=path, line=idx + 1, op=op, start=offset + s, end=offset + e,
+                                  new=new, orig=code_part(ln, mln), mut=code_part(mutated, mmasked)))
+        offset += len(ln) + 1
+    for idx, s, e in call_statements(masked, kinds):
+        found.append(dict(path=path, line=idx + 1, op="call", start=s, end=e, new="{}",
+                          orig=" ".join(text[s:e].split()), mut="{}"))
+    found.sort(key=lambda m: (m["start"], m["op"]))
+    counts = {}
+    for m in found:
+        base = f"{m['path']} | {m['op']} | {m['orig']} -> {m['mut']}"
+        counts[base] = counts.get(base, 0) + 1
+        m["id"] = base if counts[base] == 1 else f"{base} #{counts[base]}"
+    return found
+
+
+def all_mutants(files, patterns):
+    result = []
+    for path in sorted(files):
+        if not re.match(r"src/.*\.(cpp|h)$", path) or path == "src/core/main.cpp":
+            continue
+        if patterns and not any(fnmatch.fnmatch(path, p) or p in path for p in patterns):
+            continue
+        result += mutants_of(path, files[path].decode())
+    return result
+
+
+def short(text, width=70):
+    return text if len(text) <= width else text[:width - 1] + "…"
+
+
+# ---- the scratch tree
+
+def snapshot(ref):
+    if ref:
+        tar = tarfile.open(fileobj=io.BytesIO(git("archive", ref)))
+        return {i.name: tar.extractfile(i).read() for i in tar.getmembers() if i.isfile()}
+    return {f: (ROOT / f).read_bytes() for f in listed_files()
+            if not f.startswith("build/") and (ROOT / f).is_file()}
+
+
+def sync_tree(files):
+    """Makes the scratch tree hold `files`; only changed files get a new mtime."""
+    for path, data in files.items():
+        dst = TREE / path
+        if not dst.is_file() or dst.read_bytes() != data:
+            dst.parent.mkdir(parents=True, exist_ok=True)
+            dst.write_bytes(data)
+            if (ROOT / path).is_file():
+                dst.chmod((ROOT / path).stat().st_mode & 0o777)
+    for dirpath, dirnames, names in os.walk(TREE):
+        if Path(dirpath) == TREE and "build" in dirnames:
+            dirnames.remove("build")
+        for name in names:
+            rel = os.path.relpath(os.path.join(dirpath, name), TREE)
+            if rel not in files:
+                os.remove(os.path.join(dirpath, name))
+
+
+def build(targets):
+    if not (BUILD / "CMakeCache.txt").is_file():
+        gen = ["-G", "Ninja"] if subprocess.run(["sh", "-c", "command -v ninja"],
+                                                capture_output=True).returncode == 0 else []
+        subprocess.run(["cmake", "-S", TREE, "-B", BUILD, *gen, "-DCMAKE_BUILD_TYPE=Debug",
+                        "-DZEBUSR_BUILD_BENCH=OFF", "-DCMAKE_CXX_FLAGS_DEBUG=-O0"],
+                       check=True, capture_output=True)
+    proc = subprocess.Popen(["cmake", "--build", BUILD, "-j2", "--target", *targets],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                            start_new_session=True)
+    try:
+        log = proc.communicate()[0]
+    finally:
+        kill_group(proc)  # an interrupted build must not go on compiling behind us
+    return proc.returncode == 0, log
+
+
+def kill_group(proc):
+    """Kills the process and whatever it started and left behind (a mutated daemon, say)."""
+    try:
+        os.killpg(proc.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    proc.wait()
+
+
+def run_exe(exe, timeout, shards=1):
+    """Runs a test executable (in parallel gtest shards); 'pass', 'fail' or 'timeout'."""
+    procs = []
+    for i in range(shards):
+        env = dict(os.environ, GTEST_TOTAL_SHARDS=str(shards), GTEST_SHARD_INDEX=str(i))
+        procs.append(subprocess.Popen([exe, "--gtest_brief=1"], cwd=exe.parent, env=env,
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                      start_new_session=True))
+    deadline, verdict = time.monotonic() + timeout, "pass"
+    try:
+        while verdict == "pass" and any(p.poll() is None for p in procs):
+            if any(p.poll() not in (None, 0) for p in procs):
+                verdict = "fail"
+            elif time.monotonic() > deadline:
+                verdict = "timeout"
+            time.sleep(0.05)
+        if verdict == "pass" and any(p.returncode != 0 for p in procs):
+            verdict = "fail"
+    finally:
+        for p in procs:
+            kill_group(p)
+    return verdict
+
+
+def test_targets():
+    """Test executables of the daemon's suites: unit ones first, whole-process ones last."""
+    names = [p for p in TREE.glob("tests/**/*_test.cpp")]
+    return sorted(((("e2e" in p.parts), p.stem) for p in names))
+
+
+def find_exe(name):
+    for p in BUILD.rglob(name):
+        if p.is_file() and os.access(p, os.X_OK):
+            return p
+    return None
+
+
+def baseline():
+    """Builds and runs every suite unmutated; returns {name: (exe, seconds, e2e)}."""
+    targets = test_targets()
+    ok, log = build([name for _, name in targets])
+    if not ok:
+        sys.exit("the unmutated tree does not build:\n" + log[-3000:])
+    suites = {}
+    for e2e, name in targets:
+        exe, t0 = find_exe(name), time.monotonic()
+        verdict = run_exe(exe, 600, 2 if e2e else 1)
+        took = time.monotonic() - t0
+        if verdict != "pass":
+            print(f"warning: {name} fails unmutated and is left out")
+            continue
+        suites[name] = (exe, took, e2e)
+    return suites
+
+
+def order_suites(path, suites, history):
+    """Suites that killed this file's mutants before, then those named like it, fastest first."""
+    words = set(re.split(r"[/_.]", path)) - {"src", "cpp", "h"}
+    def related(name):
+        return any(w[:5] == t[:5] for w in words for t in name.split("_") if len(w) > 3)
+    kills = history.get(path, {})
+    return sorted(suites, key=lambda n: (suites[n][2], -kills.get(n, 0), not related(n), suites[n][1]))
+
+
+def try_mutant(m, files, suites, history):
+    """Applies, builds and tests one mutant in the tree; always restores the file."""
+    dst, data = TREE / m["path"], files[m["path"]]
+    text = data.decode()
+    timing = {"build": 0.0, "test": 0.0}
+    try:
+        dst.write_text(text[:m["start"]] + m["new"] + text[m["end"]:])
+        for name in order_suites(m["path"], suites, history):
+            exe, took, e2e = suites[name]
+            t0 = time.monotonic()
+            ok, _ = build([name])
+            timing["build"] += time.monotonic() - t0
+            if not ok:
+                return "no-compile", name, timing
+            t0 = time.monotonic()
+            verdict = run_exe(exe, max(15.0, 4 * took), 2 if e2e else 1)
+            timing["test"] += time.monotonic() - t0
+            if verdict != "pass":
+                history.setdefault(m["path"], {})[name] = history.get(m["path"], {}).get(name, 0) + 1
+                return ("killed" if verdict == "fail" else "timeout"), name, timing
+        return "survived", "", timing
+    finally:
+        dst.write_bytes(data)
+        os.utime(dst)
+
+
+def equivalents():
+    f = ROOT / EQUIV
+    if not f.is_file():
+        return []
+    return [ln[2:].strip() for ln in f.read_text().splitlines() if ln.startswith("- ")]
+
+
+def is_listed(mid, listed):
+    return any(entry == mid or entry.startswith(mid + " | ") for entry in listed)
+
+
+def run(mutants, files, args):
+    OUT.mkdir(parents=True, exist_ok=True)
+    report = open(OUT / "report.txt", "w")
+    def say(line):
+        print(line, flush=True)
+        report.write(line + "\n")
+    started = time.monotonic()
+    say(f"building and running the unmutated tree in {TREE.relative_to(ROOT)}")
+    sync_tree(files)
+    suites = baseline()
+    say(f"baseline: {len(suites)} suites pass in {sum(s[1] for s in suites.values()):.1f}s; "
+        f"{len(mutants)} mutants, set-up {time.monotonic() - started:.0f}s")
+    hist_file = OUT / "kills.json"
+    history = json.loads(hist_file.read_text()) if hist_file.is_file() else {}
+    listed, tally = equivalents(), {}
+    totals = {"build": 0.0, "test": 0.0}
+    for m in mutants:
+        result, by, timing = try_mutant(m, files, suites, history)
+        for k in totals:
+            totals[k] += timing[k]
+        if result == "survived" and is_listed(m["id"], listed):
+            result = "equivalent"
+        tally[result] = tally.get(result, 0) + 1
+        where = f"{m['path']}:{m['line']}"
+        say(f"{result:<10} {where:<34} {m['op']:<5} {short(m['orig'])} -> {short(m['mut'])}"
+            + (f"  [{by}]" if by and result != "no-compile" else "")
+            + f"  ({timing['build']:.0f}s+{timing['test']:.0f}s)")
+        if result == "survived":
+            say(f"    - {m['id']} | <why it is equivalent>")
+    hist_file.write_text(json.dumps(history, indent=1, sort_keys=True))
+    killed = tally.get("killed", 0) + tally.get("timeout", 0)
+    scored = killed + tally.get("survived", 0)
+    elapsed = time.monotonic() - started
+    say(f"score: {killed}/{scored} = {100 * killed / scored if scored else 0:.1f}% killed "
+        f"(timeouts {tally.get('timeout', 0)}), survived {tally.get('survived', 0)}, "
+        f"no-compile {tally.get('no-compile', 0)}, equivalent {tally.get('equivalent', 0)}")
+    per = len(mutants) or 1
+    say(f"elapsed {elapsed:.0f}s; per mutant {(totals['build'] + totals['test']) / per:.1f}s "
+        f"(build {totals['build'] / per:.1f}s, tests {totals['test'] / per:.1f}s)")
+    t, c = line_counts()
+    say(f"lines: tests {t}, code {c}, ratio {t / c:.2f}")
+    report.close()
+    return 0
+
+
+def main():
+    ap = argparse.ArgumentParser(prog="scripts/mutants.sh", description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter,
+                                 usage="%(prog)s (--list | --sample N [--seed S] | --full | --counts) "
+                                       "[--files PATTERN] [--ref REV]")
+    mode = ap.add_mutually_exclusive_group(required=True)
+    mode.add_argument("--list", action="store_true", help=argparse.SUPPRESS)
+    mode.add_argument("--sample", type=int, metavar="N", help=argparse.SUPPRESS)
+    mode.add_argument("--full", action="store_true", help=argparse.SUPPRESS)
+    mode.add_argument("--counts", action="store_true", help=argparse.SUPPRESS)
+    ap.add_argument("--seed", type=int, default=1, help=argparse.SUPPRESS)
+    ap.add_argument("--files", action="append", default=[], help=argparse.SUPPRESS)
+    ap.add_argument("--ref", help=argparse.SUPPRESS)
+    args = ap.parse_args()
+    if args.counts:
+        print_counts()
+        return 0
+    files = snapshot(args.ref)
+    mutants = all_mutants(files, args.files)
+    if args.list:
+        per_op = {}
+        for m in mutants:
+            per_op[m["op"]] = per_op.get(m["op"], 0) + 1
+            print(f"{m['path']}:{m['line']}  {m['op']:<5} {m['id'].split(' | ', 2)[2]}")
+        print(f"{len(mutants)} mutants: " + ", ".join(f"{k} {v}" for k, v in sorted(per_op.items())))
+        print_counts()
+        return 0
+    if args.sample is not None:
+        pool = sorted(mutants, key=lambda m: m["id"])
+        mutants = random.Random(args.seed).sample(pool, min(args.sample, len(pool)))
+    # Any of these ends the run through the `finally` that puts the mutated file back.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    signal.signal(signal.SIGHUP, lambda *_: sys.exit(129))
+    return run(mutants, files, args)
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)
