@@ -23,7 +23,7 @@ int duloxusr_connect_to_dulox_core(void) {
         ZLOG(MED, "zebusr_genl_init_sock failed");
         // Closes the steering socket, not the core one: kept as the driver
         // side has always behaved, the core socket stays open.
-        close(sk_fd);
+        close(sk_fd.load(std::memory_order_relaxed));
         return -1;
     }
     ZLOG(HIGH, "zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_DULOX");

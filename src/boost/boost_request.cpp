@@ -3,6 +3,9 @@
 #include "core/log.h"
 #include "netlink/genl_family.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char DULOXUSR_EVAL_FN[] = "duloxusr_evalute_pid_bps_info";
+
 // Strictly above this rate a process counts as a fast sender.
 constexpr uint64_t DULOXUSR_FAST_SENDER_BPS = 500000000;
 // Strictly above this much boost left, the last boost is still running.
@@ -24,11 +27,11 @@ static void duloxusr_boost_choose(const duloxusr_pid_bps_info *resp, duloxusr_pi
     for (size_t i = 0; i < DULOXUSR_MAX_PIDS && i < resp->list_len; i++) {
         const duloxusr_pid_bps_entry *e = &resp->list[i];
         if (e->boost_remaining_ms > DULOXUSR_BOOST_RUNNING_MS) {
-            ZLOG(HIGH, "pid %u with bps %lu has %u ms of boost remaining", e->pid,
-                 static_cast<unsigned long>(e->tx_bps), e->boost_remaining_ms);
+            ZLOG_AS(HIGH, DULOXUSR_EVAL_FN, "pid %u with bps %lu has %u ms of boost remaining",
+                    e->pid, static_cast<unsigned long>(e->tx_bps), e->boost_remaining_ms);
         } else if (e->tx_bps > DULOXUSR_FAST_SENDER_BPS) {
-            ZLOG(HIGH, "Boosting pid %u with bps %lu", e->pid,
-                 static_cast<unsigned long>(e->tx_bps));
+            ZLOG_AS(HIGH, DULOXUSR_EVAL_FN, "Boosting pid %u with bps %lu", e->pid,
+                    static_cast<unsigned long>(e->tx_bps));
             duloxusr_boost_entry_fill(req, e->pid);
         }
     }
@@ -73,15 +76,6 @@ int duloxusr_send_pid_boost_req(const duloxusr_pid_boost_info *req) {
     return 0;
 }
 
-static void duloxusr_print_pid_boost_entries(const duloxusr_pid_boost_info *req) {
-    for (size_t i = 0; i < DULOXUSR_MAX_PIDS && i < req->list_len; i++) {
-        const duloxusr_pid_boost_entry *e = &req->list[i];
-        int n = static_cast<int>(i);
-        ZLOG(LOW, "pid[%d] = %u\t| boost_en[%d] = %u | boost_period[%d] = %u", n, e->pid, n,
-             e->boost_en, n, e->boost_period);
-    }
-}
-
 void duloxusr_print_pid_boost_req(const duloxusr_pid_boost_info *req) {
     ZLOG(LOW, "------------ PID BOOST REQUEST -------------");
     if (!req) {
@@ -97,5 +91,10 @@ void duloxusr_print_pid_boost_req(const duloxusr_pid_boost_info *req) {
         ZLOG(LOW, "Invalid list len");
         return;
     }
-    duloxusr_print_pid_boost_entries(req);
+    for (size_t i = 0; i < DULOXUSR_MAX_PIDS && i < req->list_len; i++) {
+        const duloxusr_pid_boost_entry *e = &req->list[i];
+        int n = static_cast<int>(i);
+        ZLOG(LOW, "pid[%d] = %u\t| boost_en[%d] = %u | boost_period[%d] = %u", n, e->pid, n,
+             e->boost_en, n, e->boost_period);
+    }
 }

@@ -22,16 +22,6 @@ int duloxusr_send_pid_bps_req(const duloxusr_pid_bps_info *req, duloxusr_pid_bps
     return 0;
 }
 
-static void duloxusr_print_pid_bps_entries(const duloxusr_pid_bps_info *resp) {
-    for (size_t i = 0; i < DULOXUSR_MAX_PIDS && i < resp->list_len; i++) {
-        const duloxusr_pid_bps_entry *e = &resp->list[i];
-        int n = static_cast<int>(i);
-        // Signed on purpose: the log has always shown the remaining time that way.
-        ZLOG(LOW, "pid[%d] = %u\t| tx_bps[%d] = %lu | boost_remaining_ms[%d] = %d", n, e->pid, n,
-             static_cast<unsigned long>(e->tx_bps), n, static_cast<int>(e->boost_remaining_ms));
-    }
-}
-
 void duloxusr_print_pid_bps_resp(const duloxusr_pid_bps_info *resp) {
     ZLOG(LOW, "------------ PID / BPS RESPONSE -------------");
     if (!resp) {
@@ -48,5 +38,11 @@ void duloxusr_print_pid_bps_resp(const duloxusr_pid_bps_info *resp) {
         ZLOG(LOW, "Invalid list len");
         return;
     }
-    duloxusr_print_pid_bps_entries(resp);
+    for (size_t i = 0; i < DULOXUSR_MAX_PIDS && i < resp->list_len; i++) {
+        const duloxusr_pid_bps_entry *e = &resp->list[i];
+        int n = static_cast<int>(i);
+        // Signed on purpose: the log has always shown the remaining time that way.
+        ZLOG(LOW, "pid[%d] = %u\t| tx_bps[%d] = %lu | boost_remaining_ms[%d] = %d", n, e->pid, n,
+             static_cast<unsigned long>(e->tx_bps), n, static_cast<int>(e->boost_remaining_ms));
+    }
 }

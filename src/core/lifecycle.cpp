@@ -50,6 +50,9 @@ static void zebusr_install_handlers(void) {
     signal(SIGUSR2, zebusr_stop_logging);
 }
 
+// main's own lines, written from here.
+static const char ZEBUSR_MAIN_FN[] = "main";
+
 int zebusr_run(int argc, char **argv) {
     (void)argv;
     int rc = 0;
@@ -57,37 +60,38 @@ int zebusr_run(int argc, char **argv) {
     pthread_t boost_thread;
 
     zebusr_open_log();
-    ZLOG(HIGH, "Initializing zebusrd");
+    ZLOG_AS(HIGH, ZEBUSR_MAIN_FN, "Initializing zebusrd");
     if (argc > 1) {
-        ZLOG(HIGH, "Enabling verbose logging at bootup");
+        ZLOG_AS(HIGH, ZEBUSR_MAIN_FN, "Enabling verbose logging at bootup");
         verbose_log_enabled.store(1, std::memory_order_relaxed);
     }
     atexit(zebusr_cleanup);
     zebusr_install_handlers();
 
-    ZLOG(HIGH, "Starting zeb_eval_thread...");
+    ZLOG_AS(HIGH, ZEBUSR_MAIN_FN, "Starting zeb_eval_thread...");
     rc = zebusr_start_worker(&eval_thread, zebusr_evaluate);
     if (rc) {
-        ZLOG(ERR, "Failed to start zeb eval thread - rc = %d\n", rc);
+        ZLOG_AS(ERR, ZEBUSR_MAIN_FN, "Failed to start zeb eval thread - rc = %d\n", rc);
         return -1;
     }
 
-    ZLOG(HIGH, "Starting dulox_freq_boost_thread...");
+    ZLOG_AS(HIGH, ZEBUSR_MAIN_FN, "Starting dulox_freq_boost_thread...");
     rc = zebusr_start_worker(&boost_thread, dulox_freq_boost_monitor);
     if (rc) {
         // The evaluation thread is left running; exit takes it down.
-        ZLOG(ERR, "Failed to start dulox_freq_boost_thread - rc = %d\n", rc);
+        ZLOG_AS(ERR, ZEBUSR_MAIN_FN, "Failed to start dulox_freq_boost_thread - rc = %d\n", rc);
         return -1;
     }
 
     rc = pthread_join(eval_thread, nullptr);
     if (rc)
-        ZLOG(ERR, "pthread join for zeb_eval_thread failed - rc = %d\n", rc);
+        ZLOG_AS(ERR, ZEBUSR_MAIN_FN, "pthread join for zeb_eval_thread failed - rc = %d\n", rc);
     rc = pthread_join(boost_thread, nullptr);
     if (rc)
-        ZLOG(ERR, "pthread join for dulox_freq_boost_thread failed - rc = %d\n", rc);
+        ZLOG_AS(ERR, ZEBUSR_MAIN_FN, "pthread join for dulox_freq_boost_thread failed - rc = %d\n",
+                rc);
 
-    ZLOG(HIGH, "Exiting main");
+    ZLOG_AS(HIGH, ZEBUSR_MAIN_FN, "Exiting main");
     return 0;
 }
 
@@ -102,7 +106,7 @@ void zebusr_cleanup(void) {
     zebusr_deinit_gflow_file();
     zebusr_deinit_ssflow_file();
     // Closed unconditionally: before the first connection this is descriptor 0.
-    close(sk_fd);
+    close(sk_fd.load(std::memory_order_relaxed));
     ZLOG(HIGH, "Cleanup Complete");
     if (log_enabled.load(std::memory_order_relaxed)) {
         // Forget the stream first so that a worker still running sees no log.

@@ -45,6 +45,9 @@ void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, c
 // For checks shared by several callers: the line names the caller, not the helper.
 #define ZLOG_AT(level, func, line, ...) \
     zebusr_log_write(ZEBUSR_LOG_##level, func, line, __VA_ARGS__)
+// A helper's line carries the name of the function its message belongs to,
+// so the log reads the same however the work is split.
+#define ZLOG_AS(level, func, ...) zebusr_log_write(ZEBUSR_LOG_##level, func, __LINE__, __VA_ARGS__)
 
 void zebusr_start_logging(int signum);
 void zebusr_stop_logging(int signum);

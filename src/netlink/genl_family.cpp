@@ -4,7 +4,7 @@
 
 #include "core/log.h"
 
-int sk_fd = 0;
+std::atomic<int> sk_fd{0};
 int duloxusr_genl_sk_fd = 0;
 uint16_t zeb_family_id = 0;
 uint16_t dulox_family_id = 0;
@@ -59,15 +59,16 @@ int zebusr_genl_get_family_id_from_resp(const zebusr_nl_msg *msg, uint32_t famil
         ZLOG(ERR, "invalid param: msg ptr is null");
         return -1;
     }
-    // The controller puts the family name first and the id second; the id
-    // attribute must lie wholly inside the buffer to be read at all.
+    // The controller puts the family name first and the id second; an id
+    // attribute that the message does not wholly hold is a wrong reply.
     const uint8_t *raw = reinterpret_cast<const uint8_t *>(msg);
+    size_t end = msg->n.nlmsg_len < sizeof(*msg) ? msg->n.nlmsg_len : sizeof(*msg);
     zebusr_nlattr first;
     memcpy(&first, raw + ZEBUSR_NLA_OFFSET, sizeof(first));
     size_t id_attr = ZEBUSR_NLA_OFFSET + zebusr_nla_align(first.nla_len);
     zebusr_nlattr second = {0, 0};
     uint16_t id = 0;
-    if (id_attr + sizeof(second) + sizeof(id) <= sizeof(*msg)) {
+    if (id_attr + sizeof(second) + sizeof(id) <= end) {
         memcpy(&second, raw + id_attr, sizeof(second));
         memcpy(&id, raw + id_attr + sizeof(second), sizeof(id));
     }

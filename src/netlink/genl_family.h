@@ -18,7 +18,9 @@ constexpr uint8_t ZEBUSR_CTRL_CMD_GETFAMILY = 3;
 constexpr uint16_t ZEBUSR_CTRL_ATTR_FAMILY_ID = 1;
 constexpr uint16_t ZEBUSR_CTRL_ATTR_FAMILY_NAME = 2;
 
-extern int sk_fd;
+// The evaluation thread owns it; the boost thread's failed lookup and the
+// exit handler close it from their own threads.
+extern std::atomic<int> sk_fd;
 extern int duloxusr_genl_sk_fd;
 extern uint16_t zeb_family_id;
 extern uint16_t dulox_family_id;

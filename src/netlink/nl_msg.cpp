@@ -71,13 +71,13 @@ void zebusr_nl_msg_put_attr(zebusr_nl_msg *msg, uint16_t type, const void *paylo
 }
 
 int zebusr_nl_msg_set_record(zebusr_nl_msg *msg, const void *record, uint16_t family_id,
-                             uint16_t type, uint16_t len) {
+                             uint16_t type, uint16_t len, const char *func) {
     if (!msg || !record) {
-        ZLOG(ERR, "invalid params");
+        ZLOG_AS(ERR, func, "invalid params");
         return -1;
     }
     if (msg->n.nlmsg_type != family_id) {
-        ZLOG(ERR, "invalid param: input msg has wrong type");
+        ZLOG_AS(ERR, func, "invalid param: input msg has wrong type");
         return -1;
     }
     zebusr_nl_msg_put_attr(msg, type, record, len);
@@ -109,29 +109,39 @@ static bool zebusr_nl_hdr_valid(const zebusr_nl_msg *msg, size_t received) {
            msg->n.nlmsg_len <= received;
 }
 
-int zebusr_netlink_msg_recv(int fd, zebusr_nl_msg *msg) {
+static const char ZEBUSR_RECV_FN[] = "zebusr_netlink_msg_recv";
+
+int zebusr_netlink_msg_recv_len(int fd, zebusr_nl_msg *msg, uint32_t need) {
     if (!msg) {
-        ZLOG(MED, "invalid param: msg ptr is null");
+        ZLOG_AS(MED, ZEBUSR_RECV_FN, "invalid param: msg ptr is null");
         return -1;
     }
-    // What a short reply leaves unwritten must read as zeros.
+    // Nothing of an earlier message may show through a shorter one.
     memset(msg, 0, sizeof(*msg));
 
     ssize_t len_recv = recvfrom(fd, msg, sizeof(*msg), MSG_WAITALL, nullptr, nullptr);
     if (len_recv < 0) {
-        ZLOG(MED, "recv error - len_recv < 0");
+        ZLOG_AS(MED, ZEBUSR_RECV_FN, "recv error - len_recv < 0");
         return -1;
     }
     if (!zebusr_nl_hdr_valid(msg, static_cast<size_t>(len_recv))) {
-        ZLOG(MED, "netlink invalid family reply message");
+        ZLOG_AS(MED, ZEBUSR_RECV_FN, "netlink invalid family reply message");
         return -1;
     }
     if (msg->n.nlmsg_type == ZEBUSR_NLMSG_ERROR) {
-        ZLOG(MED, "netlink received msg error for family resp");
+        ZLOG_AS(MED, ZEBUSR_RECV_FN, "netlink received msg error for family resp");
+        return -1;
+    }
+    if (msg->n.nlmsg_len < need) {
+        ZLOG_AS(MED, ZEBUSR_RECV_FN, "netlink invalid family reply message");
         return -1;
     }
     seq_num.store(msg->n.nlmsg_seq + 1, std::memory_order_relaxed);
     return 0;
+}
+
+int zebusr_netlink_msg_recv(int fd, zebusr_nl_msg *msg) {
+    return zebusr_netlink_msg_recv_len(fd, msg, ZEBUSR_NL_HDR_LEN);
 }
 
 int zebusr_genl_recv_int_from_kernel(void) {
@@ -139,7 +149,8 @@ int zebusr_genl_recv_int_from_kernel(void) {
     int32_t code;
 
     ZLOG(LOW, "  Waiting for kernel to send a msg");
-    if (zebusr_netlink_msg_recv(sk_fd, &reply) < 0) {
+    if (zebusr_netlink_msg_recv_len(sk_fd.load(std::memory_order_relaxed), &reply,
+                                    ZEBUSR_NLA_PAYLOAD_OFFSET + sizeof(code)) < 0) {
         ZLOG(MED, "netlink failed to send to fd");
         return -1;
     }

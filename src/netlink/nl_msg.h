@@ -80,6 +80,9 @@ int zebusr_genl_open_sock(int protocol, uint32_t groups);
 int zebusr_create_genl_msg(zebusr_nl_msg *msg, uint16_t family_id, uint8_t cmd);
 int zebusr_netlink_msg_send(int fd, const zebusr_nl_msg *msg, uint32_t len);
 int zebusr_netlink_msg_recv(int fd, zebusr_nl_msg *msg);
+// The receive for a reply that is read up to byte `need`: a message shorter
+// than that is a wrong reply like any other, not zeros to be read.
+int zebusr_netlink_msg_recv_len(int fd, zebusr_nl_msg *msg, uint32_t need);
 int zebusr_genl_recv_int_from_kernel(void);
 
 // Writes the message's single attribute at offset 20 and grows nlmsg_len.
@@ -87,6 +90,7 @@ int zebusr_genl_recv_int_from_kernel(void);
 void zebusr_nl_msg_put_attr(zebusr_nl_msg *msg, uint16_t type, const void *payload, uint16_t len);
 
 // The record setters of both families: refuse a null argument or a message
-// built for another family, then put the record as the one attribute.
+// built for another family, then put the record as the one attribute. Lines
+// carry the setter's name, `func`.
 int zebusr_nl_msg_set_record(zebusr_nl_msg *msg, const void *record, uint16_t family_id,
-                             uint16_t type, uint16_t len);
+                             uint16_t type, uint16_t len, const char *func);

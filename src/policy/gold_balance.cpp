@@ -4,6 +4,9 @@
 #include "steering/table_walk.h"
 #include "steering/tables.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char ZEBUSR_BALANCE_FN[] = "zebusr_balance_gold_flows";
+
 // The balance decides on the low 32 bits of each rate read as signed, with
 // wrapping arithmetic, as it always has: huge or tiny capacities are judged
 // on those bits. The sums are made unsigned and only then read as signed.
@@ -17,16 +20,18 @@ static bool zebusr_balance_dest_worthwhile(uint64_t dest_cap, uint64_t src_cap, 
     int32_t gflow_avg_pps = zebusr_balance_low32(flow_avg);
 
     if (static_cast<int32_t>(room) <= gflow_avg_pps) {
-        ZLOG(MED, "other cpu cannot fit the additional gold flow, not moving");
+        ZLOG_AS(MED, ZEBUSR_BALANCE_FN,
+                "other cpu cannot fit the additional gold flow, not moving");
         return false;
     }
     int32_t left = static_cast<int32_t>(room - static_cast<uint32_t>(flow_avg));
     if (left >= src_cpu_avg_pps)
         return true;
-    ZLOG(MED,
-         "other cpu is about equally loaded, not movingdest_cpu_avg_pps-headroom-gflow_avg_pps = "
-         "%d src_cpu_avg_pps = %d",
-         left, src_cpu_avg_pps);
+    ZLOG_AS(
+        MED, ZEBUSR_BALANCE_FN,
+        "other cpu is about equally loaded, not movingdest_cpu_avg_pps-headroom-gflow_avg_pps = "
+        "%d src_cpu_avg_pps = %d",
+        left, src_cpu_avg_pps);
     return false;
 }
 
@@ -43,20 +48,22 @@ static int zebusr_gflow_offer_to_gold(const zebusr_gflow_info *flow, uint16_t sr
         uint64_t rx_pps = flow->rx_pps;
         uint64_t avg_pps = flow->avg_pps;
         uint64_t cap_w_head = cap - ZEBUSR_HEADROOM_PPS;
-        ZLOG(MED,
-             "  ZEB_SUGG_CHECK_BAL: Checking gold flow balance gold flow 0x%x with pps %lu avg pps "
-             "%lu on cpu[%d] can balance to gold cpu[%d] with avg capacity %lu cap_w_head %lu",
-             hash, rx_pps, avg_pps, src, dest, cap, cap_w_head);
+        ZLOG_AS(
+            MED, ZEBUSR_BALANCE_FN,
+            "  ZEB_SUGG_CHECK_BAL: Checking gold flow balance gold flow 0x%x with pps %lu avg pps "
+            "%lu on cpu[%d] can balance to gold cpu[%d] with avg capacity %lu cap_w_head %lu",
+            hash, rx_pps, avg_pps, src, dest, cap, cap_w_head);
         if (!zebusr_balance_dest_worthwhile(cap, src_cap, avg_pps))
             continue;
 
-        ZLOG(HIGH,
-             "  ZEB_SUGG_BAL: > Sending msg to kernel to request that gold flow 0x%x with pps %lu "
-             "avg pps %lu on cpu[%d] can balance to gold cpu[%d] with avg capacity %lu cap_w_head "
-             "%lu",
-             hash, rx_pps, avg_pps, src, dest, cap, cap_w_head);
+        ZLOG_AS(
+            HIGH, ZEBUSR_BALANCE_FN,
+            "  ZEB_SUGG_BAL: > Sending msg to kernel to request that gold flow 0x%x with pps %lu "
+            "avg pps %lu on cpu[%d] can balance to gold cpu[%d] with avg capacity %lu cap_w_head "
+            "%lu",
+            hash, rx_pps, avg_pps, src, dest, cap, cap_w_head);
         if (zebusr_try_to_move_flow(src, dest, hash, ZEB_SUGG_BAL) == 0) {
-            ZLOG(HIGH, "  ZEB_SUGG_BAL: Move successful");
+            ZLOG_AS(HIGH, ZEBUSR_BALANCE_FN, "  ZEB_SUGG_BAL: Move successful");
             return 0;
         }
     }

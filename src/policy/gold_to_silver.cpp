@@ -4,6 +4,9 @@
 #include "steering/table_walk.h"
 #include "steering/tables.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char ZEBUSR_DOWN_FN[] = "zebusr_move_gold_flow_down_to_silver";
+
 // One flow, offered to every silver CPU in table order that keeps its
 // headroom after taking it; a refusal moves on to the next silver CPU.
 static int zebusr_gflow_offer_to_silver(const zebusr_gflow_info *flow) {
@@ -18,20 +21,21 @@ static int zebusr_gflow_offer_to_silver(const zebusr_gflow_info *flow) {
         uint64_t rx_pps = flow->rx_pps;
         uint64_t avg_pps = flow->avg_pps;
         uint64_t cap_w_head = cap - ZEBUSR_HEADROOM_PPS;
-        ZLOG(MED,
-             "  ZEB_SUGG_DOWN_CHECK: > Checking that gold flow 0x%x with pps %lu avg pps %lu on "
-             "cpu[%d] can move to silver cpu[%d] with avg capacity %lu cap_w_head %lu",
-             hash, rx_pps, avg_pps, cur, dest, cap, cap_w_head);
+        ZLOG_AS(MED, ZEBUSR_DOWN_FN,
+                "  ZEB_SUGG_DOWN_CHECK: > Checking that gold flow 0x%x with pps %lu avg pps %lu on "
+                "cpu[%d] can move to silver cpu[%d] with avg capacity %lu cap_w_head %lu",
+                hash, rx_pps, avg_pps, cur, dest, cap, cap_w_head);
         if (avg_pps >= cap_w_head)
             continue;
 
-        ZLOG(HIGH,
-             "  ZEB_SUGG_DOWN: > Sending msg to kernel to request that gold flow 0x%x with pps %lu "
-             "avg pps %lu on cpu[%d] can move to silver cpu[%d] with avg capacity %lu cap_w_head "
-             "%lu",
-             hash, rx_pps, avg_pps, cur, dest, cap, cap_w_head);
+        ZLOG_AS(
+            HIGH, ZEBUSR_DOWN_FN,
+            "  ZEB_SUGG_DOWN: > Sending msg to kernel to request that gold flow 0x%x with pps %lu "
+            "avg pps %lu on cpu[%d] can move to silver cpu[%d] with avg capacity %lu cap_w_head "
+            "%lu",
+            hash, rx_pps, avg_pps, cur, dest, cap, cap_w_head);
         if (zebusr_try_to_move_flow(cur, dest, hash, ZEB_SUGG_DOWN) == 0) {
-            ZLOG(HIGH, "  ZEB_SUGG_DOWN: Move successful");
+            ZLOG_AS(HIGH, ZEBUSR_DOWN_FN, "  ZEB_SUGG_DOWN: Move successful");
             return 0;
         }
     }

@@ -22,7 +22,8 @@ int zebusr_try_to_move_flow(uint16_t cur_cpu, uint16_t dest_cpu, uint32_t hash,
         ZLOG(ERR, "failed to set suggestion attribute");
         return -1;
     }
-    if (zebusr_netlink_msg_send(sk_fd, &msg, msg.n.nlmsg_len) != 0) {
+    if (zebusr_netlink_msg_send(sk_fd.load(std::memory_order_relaxed), &msg, msg.n.nlmsg_len) !=
+        0) {
         ZLOG(ERR, "netlink failed to send to fd");
         return -1;
     }

@@ -3,6 +3,9 @@
 #include "policy/policy.h"
 #include "steering/tables.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char ZEBUSR_UP_FN[] = "zebusr_move_loaded_silver_cpu_to_gold";
+
 // The loaded silver entry nearest the end of the table: its index, or -1.
 static int zebusr_caps_find_loaded_silver(uint16_t *silver) {
     for (int i = ZEBUSR_NUM_CPUS - 1; i >= 0; i--) {
@@ -22,12 +25,12 @@ static int zebusr_caps_offer_to_gold(uint16_t silver) {
         uint16_t gold = cap_list[j].cpu;
         if (is_silver_cpu(gold))
             continue;
-        ZLOG(HIGH,
-             "  ZEB_SUGG_UP: Sending msg to kernel to request that all flows on cpu %d be moved "
-             "to gold cpu %d",
-             silver, gold);
+        ZLOG_AS(HIGH, ZEBUSR_UP_FN,
+                "  ZEB_SUGG_UP: Sending msg to kernel to request that all flows on cpu %d be moved "
+                "to gold cpu %d",
+                silver, gold);
         if (zebusr_try_to_move_flow(silver, gold, 0, ZEB_SUGG_UP) == 0) {
-            ZLOG(HIGH, "  ZEB_SUGG_UP: Move successful");
+            ZLOG_AS(HIGH, ZEBUSR_UP_FN, "  ZEB_SUGG_UP: Move successful");
             return 0;
         }
     }

@@ -17,7 +17,8 @@ int zebusr_set_flow_segmentation(uint32_t hash, uint32_t seg_enable) {
         ZLOG(ERR, "failed to set segmentation attribute");
         return -1;
     }
-    if (zebusr_netlink_msg_send(sk_fd, &msg, msg.n.nlmsg_len) != 0) {
+    if (zebusr_netlink_msg_send(sk_fd.load(std::memory_order_relaxed), &msg, msg.n.nlmsg_len) !=
+        0) {
         ZLOG(ERR, "netlink failed to send to fd");
         return -1;
     }

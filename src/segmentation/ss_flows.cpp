@@ -9,6 +9,9 @@
 #include "segmentation/segmentation.h"
 #include "steering/tables.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char ZEBUSR_SS_FN[] = "zebusr_read_ss_flows";
+
 // Compared with the raw published rx_bps, no unit conversion.
 constexpr uint64_t ZEBUSR_FAST_FLOW_BPS = 300000000;
 // Segmentation is only ever turned off; the kernel never gets a 1 from us.
@@ -17,7 +20,7 @@ constexpr uint32_t ZEBUSR_SEG_DISABLE = 0;
 static void zebusr_ss_flows_map(void) {
     void *map = zebusr_table_mmap(ssflow_fd);
     if (map == MAP_FAILED) {
-        ZLOG(ERR, "mmap: %s", strerror(errno));
+        ZLOG_AS(ERR, ZEBUSR_SS_FN, "mmap: %s", strerror(errno));
         zebusr_deinit_ssflow_file();
         exit(0);
     }
@@ -34,10 +37,10 @@ static void zebusr_ss_flow_judge(zebusr_ht_node *node, uint64_t prev_avg) {
     uint32_t hash = node->entry.hash;
     if (prev_avg - band <= rx_bps && rx_bps <= prev_avg + band) {
         node->is_stable = 1;
-        ZLOG(LOW, "Flow w/ hash 0x%x is stable", hash);
+        ZLOG_AS(LOW, ZEBUSR_SS_FN, "Flow w/ hash 0x%x is stable", hash);
     } else {
         node->is_stable = 0;
-        ZLOG(LOW, "Flow w/ hash 0x%x is NOT stable", hash);
+        ZLOG_AS(LOW, ZEBUSR_SS_FN, "Flow w/ hash 0x%x is NOT stable", hash);
     }
 }
 
@@ -48,25 +51,26 @@ static void zebusr_ss_flow_segment(zebusr_ht_node *node, uint32_t hash) {
     if (node->is_segmentation_enabled == 1) {
         if (!fast && node->is_stable != 1)
             return;
-        ZLOG(LOW, "Disabling segmentation for hash 0x%x", hash);
+        ZLOG_AS(LOW, ZEBUSR_SS_FN, "Disabling segmentation for hash 0x%x", hash);
         int rc = zebusr_set_flow_segmentation(hash, ZEBUSR_SEG_DISABLE);
         node->is_segmentation_enabled = rc != 0 ? 1 : 0;
         return;
     }
     if (!fast && node->is_stable == 0)
-        ZLOG(LOW, "NOT DETECTING DIPS: Enabling segmentation for hash 0x%x", hash);
+        ZLOG_AS(LOW, ZEBUSR_SS_FN, "NOT DETECTING DIPS: Enabling segmentation for hash 0x%x", hash);
 }
 
 static void zebusr_ss_flow_process(const zebusr_ssflow_info *e) {
     uint32_t hash = e->hash;
     if (hash == 0) {
         // Despite the words the walk goes on with the next entry.
-        ZLOG(ERR, "Invalid hash, breaking");
+        ZLOG_AS(ERR, ZEBUSR_SS_FN, "Invalid hash, breaking");
         return;
     }
-    ZLOG(LOW,
-         "  ZEB_SLOW: > ss flow 0x%x on cpu[%d] with rx_pps = %lu | avg pps = %lu | rx_bps = %lu",
-         hash, e->cpu, e->rx_pps, e->avg_pps, e->rx_bps);
+    ZLOG_AS(
+        LOW, ZEBUSR_SS_FN,
+        "  ZEB_SLOW: > ss flow 0x%x on cpu[%d] with rx_pps = %lu | avg pps = %lu | rx_bps = %lu",
+        hash, e->cpu, e->rx_pps, e->avg_pps, e->rx_bps);
 
     zebusr_ht_node *node = zebusr_ht_find_node(hash);
     uint64_t rx_bps = e->rx_bps;
@@ -75,7 +79,7 @@ static void zebusr_ss_flow_process(const zebusr_ssflow_info *e) {
         if (node)
             zebusr_update_ht_node(node, e);
         else
-            ZLOG(ERR, "Could not create new node for hash 0x%x", hash);
+            ZLOG_AS(ERR, ZEBUSR_SS_FN, "Could not create new node for hash 0x%x", hash);
         return;
     }
     if (rx_bps == 0) {

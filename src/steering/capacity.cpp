@@ -11,6 +11,9 @@
 #include "steering/table_walk.h"
 #include "steering/tables.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char ZEBUSR_CAPS_FN[] = "zebusr_read_capacities";
+
 int zebusr_caps_fill_by_cpu(zebusr_cap_info by_cpu[ZEBUSR_NUM_CPUS], const char *func,
                             unsigned line) {
     for (int j = 0; j < ZEBUSR_NUM_CPUS; j++) {
@@ -32,17 +35,18 @@ static void zebusr_caps_map(void) {
     if (map != MAP_FAILED)
         return;
     // No retry: a table that cannot be mapped ends the daemon, with status 0.
-    ZLOG(ERR, "mmap failure: %s", strerror(errno));
+    ZLOG_AS(ERR, ZEBUSR_CAPS_FN, "mmap failure: %s", strerror(errno));
     zebusr_deinit_cap_file();
     exit(0);
 }
 
 static void zebusr_caps_log(void) {
-    ZLOG(LOW, "################## CAP FILE CONTENTS #################");
+    ZLOG_AS(LOW, ZEBUSR_CAPS_FN, "################## CAP FILE CONTENTS #################");
     for (int j = 0; j < ZEBUSR_NUM_CPUS; j++) {
         const zebusr_cap_info *entry = &cap_list[j];
-        ZLOG(LOW, "  ZEB_CAPS: > cpu[%d] with pps capacity = %lu | avg pps cap = %lu bps = %lu",
-             entry->cpu, entry->pps_capacity, entry->avg_pps_capacity, entry->bps);
+        ZLOG_AS(LOW, ZEBUSR_CAPS_FN,
+                "  ZEB_CAPS: > cpu[%d] with pps capacity = %lu | avg pps cap = %lu bps = %lu",
+                entry->cpu, entry->pps_capacity, entry->avg_pps_capacity, entry->bps);
     }
 }
 

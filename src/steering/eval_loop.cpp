@@ -34,19 +34,21 @@ static const zebusr_table_step zebusr_table_steps[ZEBUSR_NUM_TABLE_STEPS] = {
 };
 
 static void zebusr_connect_abandon(void) {
-    close(sk_fd);
+    close(sk_fd.load(std::memory_order_relaxed));
     sleep(ZEBUSR_CONNECT_PAUSE_SEC);
 }
+
+static const char ZEBUSR_CONNECT_FN[] = "zebusr_connect_to_dulox_zeb";
 
 static int zebusr_connect_open_tables(void) {
     for (int t = 0; t < ZEBUSR_NUM_TABLE_STEPS; t++) {
         if (zebusr_table_steps[t].init() != 0) {
-            ZLOG(MED, "%s", zebusr_table_steps[t].failed);
+            ZLOG_AS(MED, ZEBUSR_CONNECT_FN, "%s", zebusr_table_steps[t].failed);
             for (int done = 0; done < t; done++) zebusr_table_steps[done].deinit();
             zebusr_connect_abandon();
             return -1;
         }
-        ZLOG(MED, "%s", zebusr_table_steps[t].complete);
+        ZLOG_AS(MED, ZEBUSR_CONNECT_FN, "%s", zebusr_table_steps[t].complete);
     }
     return 0;
 }
@@ -54,15 +56,16 @@ static int zebusr_connect_open_tables(void) {
 // A reconnection neither closes the earlier socket nor the earlier table
 // files: their descriptors are simply overwritten and stay open.
 int zebusr_connect_to_dulox_zeb(void) {
-    sk_fd = zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, ZEBUSR_NL_GROUPS_NONE);
-    if (sk_fd < 0) {
+    int fd = zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, ZEBUSR_NL_GROUPS_NONE);
+    sk_fd.store(fd, std::memory_order_relaxed);
+    if (fd < 0) {
         ZLOG(MED, "zebusr_genl_open_sock failed");
         sleep(ZEBUSR_CONNECT_PAUSE_SEC);
         return -1;
     }
-    ZLOG(MED, "zebusr_genl_open_sock complete: sk_fd = %d", sk_fd);
+    ZLOG(MED, "zebusr_genl_open_sock complete: sk_fd = %d", fd);
 
-    if (zebusr_genl_init_sock(sk_fd, ZEBUSR_GENL_FAMILY_ZEB) != 0) {
+    if (zebusr_genl_init_sock(fd, ZEBUSR_GENL_FAMILY_ZEB) != 0) {
         ZLOG(MED, "zebusr_genl_init_sock failed");
         zebusr_connect_abandon();
         return -1;
@@ -70,7 +73,7 @@ int zebusr_connect_to_dulox_zeb(void) {
     // No pause after a failed sync: it has already waited out the receive time-out.
     if (zebusr_sync() == -1) {
         ZLOG(MED, "zebusr_sync failed");
-        close(sk_fd);
+        close(fd);
         return -1;
     }
     ZLOG(HIGH, "zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB");
@@ -104,7 +107,8 @@ int zebusr_sync(void) {
         ZLOG(MED, "failed to set suggestion attribute for syncing");
         return -1;
     }
-    if (zebusr_netlink_msg_send(sk_fd, &msg, msg.n.nlmsg_len) != 0) {
+    if (zebusr_netlink_msg_send(sk_fd.load(std::memory_order_relaxed), &msg, msg.n.nlmsg_len) !=
+        0) {
         ZLOG(MED, "netlink failed to send to fd");
         return -1;
     }

@@ -10,6 +10,9 @@
 #include "steering/table_walk.h"
 #include "steering/tables.h"
 
+// The helpers below write their lines under the name of the function they serve.
+static const char ZEBUSR_GFLOWS_FN[] = "zebusr_read_gold_flows";
+
 bool zebusr_gflow_walk_ends(int i, uint16_t n, const char *func, unsigned line) {
     if (i >= n)
         return true;
@@ -31,23 +34,24 @@ static void zebusr_gflow_map(void) {
     if (map != MAP_FAILED)
         return;
     // No retry: a table that cannot be mapped ends the daemon, with status 0.
-    ZLOG(ERR, "mmap: %s", strerror(errno));
+    ZLOG_AS(ERR, ZEBUSR_GFLOWS_FN, "mmap: %s", strerror(errno));
     zebusr_deinit_gflow_file();
     exit(0);
 }
 
 // Only logs; its two ERR stops do not keep the policies from running.
 static void zebusr_gflow_log(uint16_t n) {
-    ZLOG(LOW, "################## GOLD FLOW FILE CONTENTS #################");
-    ZLOG(LOW, "  num gold flows = %u", static_cast<unsigned>(n));
+    ZLOG_AS(LOW, ZEBUSR_GFLOWS_FN, "################## GOLD FLOW FILE CONTENTS #################");
+    ZLOG_AS(LOW, ZEBUSR_GFLOWS_FN, "  num gold flows = %u", static_cast<unsigned>(n));
     for (int i = 0; i <= ZEBUSR_MAX_FLOWS; i++) {
-        if (ZEBUSR_GFLOW_WALK_ENDS(i, n))
+        if (zebusr_gflow_walk_ends(i, n, ZEBUSR_GFLOWS_FN, __LINE__))
             return;
         if (!zebusr_verbose())
             continue;
         const zebusr_gflow_info *flow = &gflow_list->list[i];
-        ZLOG(LOW, "  ZEB_MMAP: > flow 0x%x on cpu[%d] with rx_pps = %lu | avg pps = %lu",
-             flow->hash, flow->cpu, flow->rx_pps, flow->avg_pps);
+        ZLOG_AS(LOW, ZEBUSR_GFLOWS_FN,
+                "  ZEB_MMAP: > flow 0x%x on cpu[%d] with rx_pps = %lu | avg pps = %lu", flow->hash,
+                flow->cpu, flow->rx_pps, flow->avg_pps);
     }
 }
 

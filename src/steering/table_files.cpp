@@ -11,9 +11,9 @@
 
 uint64_t page_size = 0;
 
-int cap_fd = 0;
-int gflow_fd = 0;
-int ssflow_fd = 0;
+std::atomic<int> cap_fd{0};
+std::atomic<int> gflow_fd{0};
+std::atomic<int> ssflow_fd{0};
 
 zebusr_cap_info *cap_list = nullptr;
 zebusr_flow_table *gflow_list = nullptr;
@@ -23,7 +23,7 @@ zebusr_flow_table *ssflow_list = nullptr;
 struct zebusr_table_file {
     const char *path;
     const char *word;
-    int *fd;
+    std::atomic<int> *fd;
     void *(*mapping)(void);
 };
 
@@ -35,28 +35,30 @@ static const zebusr_table_file zebusr_tables[ZEBUSR_NUM_TABLES] = {
     {ZEBUSR_SSFLOW_PATH, "ssflow", &ssflow_fd, []() -> void * { return ssflow_list; }},
 };
 
-static int zebusr_table_open(const zebusr_table_file *t) {
-    ZLOG(HIGH, "open pathname = %s", t->path);
-    *t->fd = open(t->path, O_RDWR | O_SYNC);
-    if (*t->fd >= 0) {
-        ZLOG(HIGH, "%s_fd = %d page size = %lu", t->word, *t->fd, page_size);
+// `func` is the table's own operation, whose name its lines carry.
+static int zebusr_table_open(const zebusr_table_file *t, const char *func) {
+    ZLOG_AS(HIGH, func, "open pathname = %s", t->path);
+    int fd = open(t->path, O_RDWR | O_SYNC);
+    t->fd->store(fd, std::memory_order_relaxed);
+    if (fd >= 0) {
+        ZLOG_AS(HIGH, func, "%s_fd = %d page size = %lu", t->word, fd, page_size);
         return 0;
     }
-    ZLOG(ERR, "open: %s", strerror(errno));
+    ZLOG_AS(ERR, func, "open: %s", strerror(errno));
     return -1;
 }
 
-static int zebusr_table_close(const zebusr_table_file *t) {
-    ZLOG(HIGH, "closing %s file", t->word);
-    close(*t->fd);
+static int zebusr_table_close(const zebusr_table_file *t, const char *func) {
+    ZLOG_AS(HIGH, func, "closing %s file", t->word);
+    close(t->fd->load(std::memory_order_relaxed));
     return 0;
 }
 
-static int zebusr_table_munmap(const zebusr_table_file *t) {
+static int zebusr_table_munmap(const zebusr_table_file *t, const char *func) {
     if (munmap(t->mapping(), page_size) == 0)
         return 0;
     // The file stays open; the exit handler closes it.
-    ZLOG(ERR, "munmap %s file: %s", t->word, strerror(errno));
+    ZLOG_AS(ERR, func, "munmap %s file: %s", t->word, strerror(errno));
     exit(0);
 }
 
@@ -65,33 +67,33 @@ void *zebusr_table_mmap(int fd) {
 }
 
 int zebusr_init_cap_file(void) {
-    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_CAP]);
+    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_CAP], __func__);
 }
 int zebusr_init_gflow_file(void) {
-    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_GFLOW]);
+    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_GFLOW], __func__);
 }
 int zebusr_init_ssflow_file(void) {
-    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]);
+    return zebusr_table_open(&zebusr_tables[ZEBUSR_TABLE_SSFLOW], __func__);
 }
 
 int zebusr_deinit_cap_file(void) {
-    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_CAP]);
+    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_CAP], __func__);
 }
 int zebusr_deinit_gflow_file(void) {
-    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_GFLOW]);
+    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_GFLOW], __func__);
 }
 int zebusr_deinit_ssflow_file(void) {
-    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]);
+    return zebusr_table_close(&zebusr_tables[ZEBUSR_TABLE_SSFLOW], __func__);
 }
 
 int zebusr_munmap_caps(void) {
-    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_CAP]);
+    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_CAP], __func__);
 }
 int zebusr_munmap_gflows(void) {
-    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_GFLOW]);
+    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_GFLOW], __func__);
 }
 int zebusr_munmap_ssflows(void) {
-    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_SSFLOW]);
+    return zebusr_table_munmap(&zebusr_tables[ZEBUSR_TABLE_SSFLOW], __func__);
 }
 
 int zebusr_munmap_all(void) {

@@ -3,6 +3,7 @@
 // one-page MAP_SHARED mapping that the kernel rewrites at any time.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -70,9 +71,10 @@ static_assert(offsetof(zebusr_flow_table, list) == 2);
 // The mapping length of every table; a table must fit in one page.
 extern uint64_t page_size;
 
-extern int cap_fd;
-extern int gflow_fd;
-extern int ssflow_fd;
+// Written by the evaluation thread, closed by the exit handler on another.
+extern std::atomic<int> cap_fd;
+extern std::atomic<int> gflow_fd;
+extern std::atomic<int> ssflow_fd;
 
 // Set by each reader to its cycle's mapping; left dangling after unmapping
 // until the next cycle maps again.

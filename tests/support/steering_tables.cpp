@@ -57,15 +57,4 @@ std::vector<Sugg> decode_suggestions(const std::vector<Bytes> &requests) {
     return out;
 }
 
-std::vector<std::string> log_lines(const LogCapture &log, const std::vector<std::string> &skip) {
-    std::vector<std::string> out;
-    for (const auto &l : log.lines()) {
-        bool skipped = false;
-        for (const auto &s : skip) skipped = skipped || l.func.find(s) != std::string::npos;
-        if (!skipped)
-            out.push_back(l.level + " " + l.message);
-    }
-    return out;
-}
-
 }  // namespace zt

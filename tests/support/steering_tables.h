@@ -57,9 +57,4 @@ std::ostream &operator<<(std::ostream &os, const Sugg &s);
 // request that is not 36 bytes long decodes with cmd 0xff.
 std::vector<Sugg> decode_suggestions(const std::vector<Bytes> &requests);
 
-// Every captured line as "LEVEL message", but those written by functions
-// whose names contain one of `skip`.
-std::vector<std::string> log_lines(const LogCapture &log,
-                                   const std::vector<std::string> &skip = {});
-
 }  // namespace zt

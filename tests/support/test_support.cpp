@@ -1,17 +1,25 @@
 #include "test_support.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <ftw.h>
+#include <gtest/gtest.h>
+#include <stdarg.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
 #include "core/log.h"
+#include "log_check.h"
 
 namespace zt {
 
@@ -20,17 +28,17 @@ void put_u8(Bytes &b, size_t off, uint8_t v) {
         b.resize(off + 1);
     b[off] = v;
 }
-
+static void put_le(Bytes &b, size_t off, uint64_t v, size_t n) {
+    for (size_t i = 0; i < n; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+}
 void put_u16(Bytes &b, size_t off, uint16_t v) {
-    for (size_t i = 0; i < 2; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+    put_le(b, off, v, 2);
 }
-
 void put_u32(Bytes &b, size_t off, uint32_t v) {
-    for (size_t i = 0; i < 4; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+    put_le(b, off, v, 4);
 }
-
 void put_u64(Bytes &b, size_t off, uint64_t v) {
-    for (size_t i = 0; i < 8; i++) put_u8(b, off + i, static_cast<uint8_t>(v >> (8 * i)));
+    put_le(b, off, v, 8);
 }
 
 static uint64_t get_le(const Bytes &b, size_t off, size_t n) {
@@ -40,15 +48,18 @@ static uint64_t get_le(const Bytes &b, size_t off, size_t n) {
     for (size_t i = 0; i < n; i++) v |= static_cast<uint64_t>(b[off + i]) << (8 * i);
     return v;
 }
-
 uint16_t get_u16(const Bytes &b, size_t off) {
     return static_cast<uint16_t>(get_le(b, off, 2));
 }
 uint32_t get_u32(const Bytes &b, size_t off) {
     return static_cast<uint32_t>(get_le(b, off, 4));
 }
-uint64_t get_u64(const Bytes &b, size_t off) {
-    return get_le(b, off, 8);
+
+size_t count(const std::string &text, const std::string &needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
 }
 
 Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type, uint16_t attr_type) {
@@ -57,9 +68,7 @@ Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type, uint16_t attr_typ
     uint32_t total = 20 + ((nla_len + 3) & ~3U);
     put_u32(b, 0, total);
     put_u16(b, 4, type);
-    put_u16(b, 6, 0);
     put_u32(b, 8, seq);
-    put_u32(b, 12, 0);
     put_u8(b, 16, 1);
     put_u8(b, 17, 1);
     put_u16(b, 20, static_cast<uint16_t>(nla_len));
@@ -75,6 +84,42 @@ Bytes int_reply(uint32_t seq, int32_t code) {
     return reply(seq, p);
 }
 
+// Appends one attribute at `off`, padded to 4; returns the next offset.
+static size_t put_attr(Bytes &b, size_t off, uint16_t type, const Bytes &payload) {
+    put_u16(b, off, static_cast<uint16_t>(4 + payload.size()));
+    put_u16(b, off + 2, type);
+    for (size_t i = 0; i < payload.size(); i++) put_u8(b, off + 4 + i, payload[i]);
+    b.resize(off + ((4 + payload.size() + 3) & ~size_t{3}));
+    return b.size();
+}
+
+Bytes family_reply(uint32_t seq, const char *name, uint16_t id, uint16_t id_type) {
+    Bytes b(20, 0);
+    put_u16(b, 4, 16);
+    put_u32(b, 8, seq);
+    put_u8(b, 16, 1);
+    size_t off = put_attr(b, 20, 2, Bytes(name, name + strlen(name) + 1));
+    off = put_attr(b, off, id_type, Bytes{static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8)});
+    off = put_attr(b, off, 3, Bytes{1, 0, 0, 0});
+    put_u32(b, 0, static_cast<uint32_t>(off));
+    return b;
+}
+
+Bytes request_image(uint32_t len, uint16_t family, uint32_t seq, uint8_t cmd, uint16_t nla_len,
+                    uint16_t nla_type) {
+    Bytes b(len, 0);
+    put_u32(b, 0, len);
+    put_u16(b, 4, family);
+    put_u16(b, 6, 1);
+    put_u32(b, 8, seq);
+    put_u32(b, 12, static_cast<uint32_t>(getpid()));
+    put_u8(b, 16, cmd);
+    put_u8(b, 17, 1);
+    put_u16(b, 20, nla_len);
+    put_u16(b, 22, nla_type);
+    return b;
+}
+
 LogCapture::LogCapture(bool verbose) {
     char tmpl[] = "/tmp/zebusr-log-XXXXXX";
     int fd = mkstemp(tmpl);
@@ -88,6 +133,7 @@ LogCapture::LogCapture(bool verbose) {
 }
 
 LogCapture::~LogCapture() {
+    EXPECT_EQ(check_log(text()), "");
     FILE *fp = log_fp.exchange(nullptr);
     if (fp)
         fclose(fp);
@@ -102,52 +148,26 @@ std::string LogCapture::text() const {
     return ss.str();
 }
 
-// Prefix: "%16s %40s():%3u (%s): "
-std::vector<LogLine> LogCapture::lines() const {
-    std::vector<LogLine> out;
+std::string LogCapture::messages() const {
+    return messages(".*");
+}
+
+std::string LogCapture::messages(const std::string &func) const {
+    const std::regex wanted(func);
     std::istringstream in(text());
-    std::string raw;
-    while (std::getline(in, raw)) {
-        size_t paren = raw.find("():");
-        size_t lvl_open = raw.find(" (", paren);
-        size_t lvl_close = raw.find("): ", lvl_open);
-        if (raw.size() < 17 || paren == std::string::npos || lvl_open == std::string::npos ||
-            lvl_close == std::string::npos)
-            continue;
-        LogLine l;
-        l.stamp = raw.substr(0, 16);
-        size_t fstart = raw.find_first_not_of(' ', 17);
-        l.func = raw.substr(fstart, paren - fstart);
-        l.line = static_cast<unsigned>(std::stoul(raw.substr(paren + 3, lvl_open - paren - 3)));
-        l.level = raw.substr(lvl_open + 2, lvl_close - lvl_open - 2);
-        l.message = raw.substr(lvl_close + 3);
-        out.push_back(l);
+    std::string out;
+    LogLine l;
+    bool blank_after = false;  // an empty line belongs to the line before it
+    for (std::string raw; std::getline(in, raw);) {
+        if (split_log_line(raw, &l)) {
+            blank_after = std::regex_match(l.func, wanted);
+            if (blank_after)
+                out += l.message + "\n";
+        } else if (raw.empty() && blank_after) {
+            out += "\n";
+        }
     }
     return out;
-}
-
-std::vector<std::string> LogCapture::messages() const {
-    std::vector<std::string> out;
-    for (const auto &l : lines()) out.push_back(l.message);
-    return out;
-}
-
-std::vector<std::string> LogCapture::messages(const std::string &level) const {
-    std::vector<std::string> out;
-    for (const auto &l : lines())
-        if (l.level == level)
-            out.push_back(l.message);
-    return out;
-}
-
-bool LogCapture::contains(const std::string &message) const {
-    return count(message) > 0;
-}
-
-size_t LogCapture::count(const std::string &message) const {
-    size_t n = 0;
-    for (const auto &m : messages()) n += (m == message);
-    return n;
 }
 
 void LogCapture::clear() {
@@ -160,21 +180,33 @@ void LogCapture::clear() {
     }
 }
 
-FakeKernel::FakeKernel(int *daemon_fd_global, int recv_timeout_ms) : global_(daemon_fd_global) {
+static int socketpair_daemon_end(int *kernel_fd) {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv) < 0)
         throw std::runtime_error("socketpair");
-    daemon_fd_ = sv[0];
-    kernel_fd_ = sv[1];
     // A missing reply fails the exchange quickly instead of after 3 seconds.
-    struct timeval tv = {recv_timeout_ms / 1000, (recv_timeout_ms % 1000) * 1000};
-    setsockopt(daemon_fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    saved_ = *global_;
-    *global_ = daemon_fd_;
+    struct timeval tv = {0, 300000};
+    setsockopt(sv[0], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    *kernel_fd = sv[1];
+    return sv[0];
+}
+
+FakeKernel::FakeKernel(std::atomic<int> *global) : atomic_(global) {
+    daemon_fd_ = socketpair_daemon_end(&kernel_fd_);
+    saved_ = atomic_->exchange(daemon_fd_);
+}
+
+FakeKernel::FakeKernel(int *global) : plain_(global) {
+    daemon_fd_ = socketpair_daemon_end(&kernel_fd_);
+    saved_ = *plain_;
+    *plain_ = daemon_fd_;
 }
 
 FakeKernel::~FakeKernel() {
-    *global_ = saved_;
+    if (atomic_)
+        atomic_->store(saved_);
+    else
+        *plain_ = saved_;
     close(daemon_fd_);
     close(kernel_fd_);
 }
@@ -200,14 +232,102 @@ std::vector<Bytes> FakeKernel::requests() {
     return out;
 }
 
-std::vector<unsigned> &sleep_requests() {
-    static std::vector<unsigned> requests;
-    return requests;
+namespace {
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+    return remove(path);
+}
+
+struct Sandbox {
+    std::string root;
+    pid_t owner;
+    Sandbox() : owner(getpid()) {
+        char tmpl[] = "/tmp/zebusr-sandbox-XXXXXX";
+        if (!mkdtemp(tmpl))
+            throw std::runtime_error("mkdtemp");
+        root = tmpl;
+        for (const char *d : {"/proc", "/proc/zeb", "/data", "/data/vendor", "/data/vendor/zebusr"})
+            mkdir((root + d).c_str(), 0755);
+    }
+    // Death-test children share it; only the process that made it removes it.
+    ~Sandbox() {
+        if (getpid() == owner)
+            nftw(root.c_str(), remove_entry, 8, FTW_DEPTH | FTW_PHYS);
+    }
+};
+
+Sandbox &the_sandbox() {
+    static Sandbox s;
+    return s;
+}
+
+// The daemon's two fixed folders, moved under the sandbox; other paths pass.
+std::string redirect(const char *path) {
+    for (const char *prefix : {"/proc/zeb/", "/data/vendor/zebusr/"})
+        if (strncmp(path, prefix, strlen(prefix)) == 0)
+            return the_sandbox().root + path;
+    return path;
+}
+
+}  // namespace
+
+std::string sandbox() {
+    return the_sandbox().root;
+}
+
+void write_table(const std::string &name, const Bytes &content) {
+    Bytes page = content;
+    page.resize(4096);
+    std::ofstream out(sandbox() + "/proc/zeb/" + name, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char *>(page.data()),
+              static_cast<std::streamsize>(page.size()));
+}
+
+static std::string events_path() {
+    return sandbox() + "/events";
+}
+
+void note(const std::string &event) {
+    std::ofstream(events_path(), std::ios::app) << event << "\n";
+}
+
+Lines events() {
+    Lines out;
+    std::ifstream in(events_path());
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    remove(events_path().c_str());
+    return out;
+}
+
+static Lines fail_open_matches;
+
+void fail_open(const Lines &matches) {
+    fail_open_matches = matches;
 }
 
 }  // namespace zt
 
 extern "C" unsigned int sleep(unsigned int seconds) {
-    zt::sleep_requests().push_back(seconds);
+    zt::note("sleep " + std::to_string(seconds));
     return 0;
+}
+
+extern "C" int open(const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? static_cast<mode_t>(va_arg(ap, int)) : 0;
+    va_end(ap);
+    auto &fails = zt::fail_open_matches;
+    if (!fails.empty() && strstr(path, fails.front().c_str())) {
+        fails.erase(fails.begin());
+        errno = ENOENT;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, zt::redirect(path).c_str(), flags, mode));
+}
+
+extern "C" FILE *fopen(const char *path, const char *mode) {
+    using fopen_fn = FILE *(*)(const char *, const char *);
+    static fopen_fn real = reinterpret_cast<fopen_fn>(dlsym(RTLD_NEXT, "fopen"));
+    return real(zt::redirect(path).c_str(), mode);
 }

@@ -1,15 +1,17 @@
-// Fixtures shared by the unit suites: a captured log, a fake kernel on a
-// socketpair, byte writers for wire images, and a virtual sleep().
+// Fixtures shared by the unit suites: byte writers for wire images, a
+// captured log, a fake kernel on a socketpair, a sandbox for the daemon's
+// fixed paths and a sleep() that only records.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
 namespace zt {
 
 using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
 
 // Little-endian writers and readers at explicit offsets; the buffer grows as needed.
 void put_u8(Bytes &b, size_t off, uint8_t v);
@@ -18,33 +20,34 @@ void put_u32(Bytes &b, size_t off, uint32_t v);
 void put_u64(Bytes &b, size_t off, uint64_t v);
 uint16_t get_u16(const Bytes &b, size_t off);
 uint32_t get_u32(const Bytes &b, size_t off);
-uint64_t get_u64(const Bytes &b, size_t off);
 
-// A netlink reply as the kernel would send it: 16-byte header, generic
-// header, then `payload` as the first attribute (type `attr_type`).
+// How often `needle` occurs in `text`.
+size_t count(const std::string &text, const std::string &needle);
+
+// A netlink reply as the kernel sends it: 16-byte header, generic header,
+// then `payload` as the first attribute.
 Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type = 0x20, uint16_t attr_type = 1);
-// A reply whose first attribute payload is a signed 32-bit code.
 Bytes int_reply(uint32_t seq, int32_t code);
+// The controller's answer to a family lookup, as Linux sends it: the name,
+// then the id (under attribute type `id_type`), then more attributes.
+Bytes family_reply(uint32_t seq, const char *name, uint16_t id, uint16_t id_type = 1);
+// A zero-filled request as the daemon must send it: netlink header (flags
+// 1, this process's pid), generic header (version 1) and attribute header.
+Bytes request_image(uint32_t len, uint16_t family, uint32_t seq, uint8_t cmd, uint16_t nla_len,
+                    uint16_t nla_type);
 
-struct LogLine {
-    std::string stamp;
-    std::string func;
-    unsigned line;
-    std::string level;
-    std::string message;
-};
-
-// Points log_fp at a temporary file for the life of the object.
+// Points log_fp at a temporary file for the life of the object; at the end
+// every line must pass check_log (log_check.h).
 class LogCapture {
    public:
     explicit LogCapture(bool verbose = true);
     ~LogCapture();
     std::string text() const;
-    std::vector<LogLine> lines() const;  // parsed; lines without a prefix are skipped
-    std::vector<std::string> messages() const;
-    std::vector<std::string> messages(const std::string &level) const;
-    bool contains(const std::string &message) const;
-    size_t count(const std::string &message) const;
+    // Each line without its prefix and with its newline; the empty line
+    // after a message that ends in "\n" stays.
+    std::string messages() const;
+    // Only the lines of functions whose names match `func` (a regex).
+    std::string messages(const std::string &func) const;
     void clear();
 
    private:
@@ -52,28 +55,38 @@ class LogCapture {
 };
 
 // A kernel stand-in: the daemon end of a SOCK_SEQPACKET socketpair goes into
-// the socket global the test names; the test plays the kernel on the other.
+// the socket global; the test plays the kernel on the other end.
 class FakeKernel {
    public:
-    explicit FakeKernel(int *daemon_fd_global, int recv_timeout_ms = 300);
+    explicit FakeKernel(std::atomic<int> *global);
+    explicit FakeKernel(int *global);
     ~FakeKernel();
-    // Replies are queued before the call under test; each receive takes one.
     void queue(const Bytes &datagram);
-    void queue_code(int32_t code);  // an int reply carrying the next sequence number
-    // Every datagram the daemon sent since the last call, oldest first.
-    std::vector<Bytes> requests();
-    int kernel_fd() const { return kernel_fd_; }
+    void queue_code(int32_t code);  // an int reply with the next sequence number
+    std::vector<Bytes> requests();  // sent since the last call, oldest first
     int daemon_fd() const { return daemon_fd_; }
     uint32_t next_seq = 100;
 
    private:
-    int *global_;
+    std::atomic<int> *atomic_ = nullptr;
+    int *plain_ = nullptr;
     int saved_;
     int daemon_fd_;
     int kernel_fd_;
 };
 
-// sleep() is replaced in every test binary: nothing waits, every request is kept.
-std::vector<unsigned> &sleep_requests();
+// Opens of "/proc/zeb/..." and "/data/vendor/zebusr/..." land under this
+// per-process folder (both subfolders exist at start), never on the machine's.
+std::string sandbox();
+// Writes a 4096-byte table file under sandbox()/proc/zeb.
+void write_table(const std::string &name, const Bytes &content);
+
+// Events a test wants in order, even from a death test's child: kept in a
+// file under the sandbox. sleep() never waits and notes "sleep N".
+void note(const std::string &event);
+Lines events();  // and forgets them
+// Opens fail with ENOENT, in turn: the first whose path contains matches[0],
+// then the first after it whose path contains matches[1], and so on.
+void fail_open(const Lines &matches);
 
 }  // namespace zt

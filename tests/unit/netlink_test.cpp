@@ -1,10 +1,14 @@
-// Framing, the validated receive, the sequence counter and the exact bytes
-// of every steering and core request.
+// The socket, the exact bytes of every request, the validated receive with
+// the sequence counter, the integer reply and family resolution.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <functional>
 
 #include "netlink/core_family.h"
@@ -13,134 +17,166 @@
 #include "netlink/zeb_family.h"
 #include "test_support.h"
 
-namespace {
-
 using zt::Bytes;
 
-constexpr uint16_t kZebId = 0x1d;
-constexpr uint16_t kCoreId = 0x1e;
+// Failures no kernel can be asked for: the next `times` calls of `call`
+// return `result` with `err`. Successful calls pass to the kernel and their
+// addresses are kept.
+static struct {
+    const char *call = "";
+    int times = 0;
+    int err = 0;
+    ssize_t result = -1;
+    Bytes bind_addr, send_addr;
+} fault;
 
-class NetlinkTest : public ::testing::Test {
+static bool fault_take(const char *call) {
+    if (fault.times == 0 || strcmp(fault.call, call) != 0)
+        return false;
+    fault.times--;
+    errno = fault.err;
+    return true;
+}
+
+extern "C" int bind(int fd, const sockaddr *addr, socklen_t len) {
+    fault.bind_addr.assign(reinterpret_cast<const uint8_t *>(addr),
+                           reinterpret_cast<const uint8_t *>(addr) + len);
+    return fault_take("bind") ? -1 : static_cast<int>(syscall(SYS_bind, fd, addr, len));
+}
+
+extern "C" int setsockopt(int fd, int level, int name, const void *val, socklen_t len) {
+    if (fault_take("setsockopt"))
+        return -1;
+    return static_cast<int>(syscall(SYS_setsockopt, fd, level, name, val, len));
+}
+
+extern "C" ssize_t sendto(int fd, const void *buf, size_t n, int flags, const sockaddr *addr,
+                          socklen_t len) {
+    fault.send_addr.assign(reinterpret_cast<const uint8_t *>(addr),
+                           reinterpret_cast<const uint8_t *>(addr) + len);
+    if (fault_take("sendto"))
+        return fault.result;
+    return syscall(SYS_sendto, fd, buf, n, flags, addr, len);
+}
+
+namespace {
+
+constexpr uint16_t kZebId = 0x1d, kCoreId = 0x1e;
+
+size_t open_fds() {
+    size_t n = 0;
+    for (int fd = 0; fd < 1024; fd++) n += fcntl(fd, F_GETFD) != -1;
+    return n;
+}
+
+class Netlink : public ::testing::Test {
    protected:
     void SetUp() override {
         seq_num = 0;
         zeb_family_id = kZebId;
         dulox_family_id = kCoreId;
+        fault = {};
     }
-    zt::LogCapture log{true};
-    zt::FakeKernel kernel{&sk_fd};
-
-    int recv_on_daemon_end() {
+    int recv() {
         zebusr_nl_msg msg;
         return zebusr_netlink_msg_recv(kernel.daemon_fd(), &msg);
     }
+    zt::LogCapture log{true};
+    zt::FakeKernel kernel{&sk_fd};
 };
 
-// Header and generic header of a request, written out from the offsets.
-void expect_request_header(const Bytes &got, uint32_t len, uint16_t type, uint32_t seq,
-                           uint8_t cmd) {
-    ASSERT_EQ(got.size(), len);
-    EXPECT_EQ(zt::get_u32(got, 0), len);
-    EXPECT_EQ(zt::get_u16(got, 4), type);
-    EXPECT_EQ(zt::get_u16(got, 6), 1);
-    EXPECT_EQ(zt::get_u32(got, 8), seq);
-    EXPECT_EQ(zt::get_u32(got, 12), static_cast<uint32_t>(getpid()));
-    EXPECT_EQ(got[16], cmd);
-    EXPECT_EQ(got[17], 1);
-}
-
-struct RequestCase {
-    const char *name;
-    std::function<int(zebusr_nl_msg *)> build;
-    uint32_t len;
-    uint16_t family;
-    uint8_t cmd;
-    uint16_t nla_len;
-    uint16_t nla_type;
-    Bytes payload;
-};
-
-Bytes sugg_payload(uint32_t hash, uint32_t type, uint16_t cur, uint16_t dest) {
-    Bytes p;
-    zt::put_u32(p, 0, hash);
-    zt::put_u32(p, 4, type);
-    zt::put_u16(p, 8, cur);
-    zt::put_u16(p, 10, dest);
-    return p;
-}
-
-TEST_F(NetlinkTest, EveryRequestHasItsDocumentedBytes) {
+TEST_F(Netlink, EveryRequestHasItsDocumentedBytes) {
     duloxusr_pid_boost_info boost = {};
     boost.list[0] = {1, 10000, 4242};
     boost.list[1] = {1, 10000, 77};
     boost.list_len = 2;
     boost.valid = 1;
-    Bytes boost_payload(400, 0);
-    const uint32_t pids[] = {4242, 77};
-    for (uint32_t i = 0; i < 2; i++) {
-        zt::put_u32(boost_payload, 12 * i, 1);
-        zt::put_u32(boost_payload, 12 * i + 4, 10000);
-        zt::put_u32(boost_payload, 12 * i + 8, pids[i]);
-    }
-    zt::put_u16(boost_payload, 392, 2);
-    zt::put_u8(boost_payload, 394, 1);
-
-    RequestCase cases[] = {
-        {"suggestion up 3->6",
+    struct Case {
+        const char *name;
+        std::function<int(zebusr_nl_msg *)> build;
+        Bytes want;
+    } cases[] = {
+        {"suggestion",
          [](zebusr_nl_msg *m) {
-             zebusr_sugg_info s = {0, ZEB_SUGG_UP, 3, 6};
+             zebusr_sugg_info s = {0xa1b2c3d4, ZEB_SUGG_UP, 3, 6};
              return zebusr_create_genl_msg(m, zeb_family_id, ZEBUSR_GENL_CMD_SUGG) |
                     zebusr_genl_set_sugg_attr(m, &s);
          },
-         36, kZebId, 2, 16, 3, sugg_payload(0, 1, 3, 6)},
-        {"sync",
+         zt::request_image(36, kZebId, 9, 2, 16, 3)},
+        {"segmentation",
          [](zebusr_nl_msg *m) {
-             zebusr_sugg_info s = {};
-             return zebusr_create_genl_msg(m, zeb_family_id, ZEBUSR_GENL_CMD_SYNC) |
-                    zebusr_genl_set_sugg_attr(m, &s);
-         },
-         36, kZebId, 4, 16, 3, Bytes(12, 0)},
-        {"segmentation off",
-         [](zebusr_nl_msg *m) {
-             zebusr_seg_info s = {0x01020304, 0};
+             zebusr_seg_info s = {0x01020304, 0x05060708};
              return zebusr_create_genl_msg(m, zeb_family_id, ZEBUSR_GENL_CMD_SEG) |
                     zebusr_genl_set_seg_attr(m, &s);
          },
-         32, kZebId, 3, 12, 4, Bytes{4, 3, 2, 1, 0, 0, 0, 0}},
+         zt::request_image(32, kZebId, 9, 3, 12, 4)},
         {"throughput query",
          [](zebusr_nl_msg *m) {
              duloxusr_pid_bps_info q = {};
+             q.list[31].pid = 0x99;
              return zebusr_create_genl_msg(m, dulox_family_id, DULOXUSR_GENL_CMD_PID_BPS) |
                     duloxusr_genl_set_pid_bytes_attr(m, &q);
          },
-         552, kCoreId, 1, 532, 3, Bytes(528, 0)},
-        {"boost request",
+         zt::request_image(552, kCoreId, 9, 1, 532, 3)},
+        {"boost",
          [&boost](zebusr_nl_msg *m) {
              return zebusr_create_genl_msg(m, dulox_family_id, DULOXUSR_GENL_CMD_PID_BOOST) |
                     duloxusr_genl_set_pid_boost_attr(m, &boost);
          },
-         424, kCoreId, 2, 404, 4, boost_payload},
+         zt::request_image(424, kCoreId, 9, 2, 404, 4)},
+        {"DULOX_ZEB lookup",
+         [](zebusr_nl_msg *m) {
+             return zebusr_create_genl_msg(m, ZEBUSR_GENL_ID_CTRL, ZEBUSR_CTRL_CMD_GETFAMILY) |
+                    zebusr_genl_set_family_attr(m, ZEBUSR_GENL_FAMILY_ZEB);
+         },
+         zt::request_image(36, 16, 9, 3, 14, 2)},
+        {"DULOX_CORE lookup",
+         [](zebusr_nl_msg *m) {
+             return zebusr_create_genl_msg(m, ZEBUSR_GENL_ID_CTRL, ZEBUSR_CTRL_CMD_GETFAMILY) |
+                    zebusr_genl_set_family_attr(m, ZEBUSR_GENL_FAMILY_DULOX);
+         },
+         zt::request_image(36, 16, 9, 3, 15, 2)},
+        // A payload of 1 byte: the length is rounded up to the next 4.
+        {"odd attribute",
+         [](zebusr_nl_msg *m) {
+             zebusr_create_genl_msg(m, 0x30, 7);
+             zebusr_nl_msg_put_attr(m, 9, "\x5a", 1);
+             return 0;
+         },
+         zt::request_image(28, 0x30, 9, 7, 5, 9)},
     };
+    // Payloads at offset 24, from the documented record layouts.
+    zt::put_u32(cases[0].want, 24, 0xa1b2c3d4);
+    zt::put_u32(cases[0].want, 28, 1);
+    zt::put_u32(cases[0].want, 32, 0x00060003);
+    zt::put_u32(cases[1].want, 24, 0x01020304);
+    zt::put_u32(cases[1].want, 28, 0x05060708);
+    zt::put_u32(cases[2].want, 24 + 31 * 16 + 8, 0x99);
+    for (uint32_t i = 0; i < 2; i++) {
+        zt::put_u32(cases[3].want, 24 + 12 * i, 1);
+        zt::put_u32(cases[3].want, 28 + 12 * i, 10000);
+        zt::put_u32(cases[3].want, 32 + 12 * i, i ? 77 : 4242);
+    }
+    zt::put_u16(cases[3].want, 24 + 392, 2);
+    zt::put_u8(cases[3].want, 24 + 394, 1);
+    memcpy(&cases[4].want[24], "DULOX_ZEB", 10);
+    memcpy(&cases[5].want[24], "DULOX_CORE", 11);
+    cases[6].want[24] = 0x5a;
 
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         seq_num = 9;
-        zebusr_nl_msg msg;
-        memset(&msg, 0xa5, sizeof(msg));  // builders never clear; nothing may depend on it
+        zebusr_nl_msg msg = {};
         ASSERT_EQ(c.build(&msg), 0);
         ASSERT_EQ(zebusr_netlink_msg_send(kernel.daemon_fd(), &msg, msg.n.nlmsg_len), 0);
-        auto sent = kernel.requests();
-        ASSERT_EQ(sent.size(), 1u);
-        const Bytes &got = sent[0];
-        expect_request_header(got, c.len, c.family, 9, c.cmd);
-        EXPECT_EQ(zt::get_u16(got, 20), c.nla_len);
-        EXPECT_EQ(zt::get_u16(got, 22), c.nla_type);
-        EXPECT_EQ(Bytes(got.begin() + 24, got.begin() + 24 + c.payload.size()), c.payload);
+        EXPECT_EQ(kernel.requests(), std::vector<Bytes>{c.want});
     }
+    EXPECT_EQ(fault.send_addr, (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(log.messages(), "");
 }
 
-TEST_F(NetlinkTest, SettersRefuseAnotherFamilysMessageAndNullArguments) {
-    zebusr_nl_msg msg;
+TEST_F(Netlink, BuildersAndSettersRefuseBadArguments) {
+    zebusr_nl_msg msg = {};
     zebusr_sugg_info s = {};
     zebusr_seg_info g = {};
     duloxusr_pid_bps_info q = {};
@@ -149,136 +185,183 @@ TEST_F(NetlinkTest, SettersRefuseAnotherFamilysMessageAndNullArguments) {
     zebusr_create_genl_msg(&msg, kCoreId, ZEBUSR_GENL_CMD_SUGG);
     EXPECT_EQ(zebusr_genl_set_sugg_attr(&msg, &s), -1);
     EXPECT_EQ(zebusr_genl_set_seg_attr(&msg, &g), -1);
+    EXPECT_EQ(zebusr_genl_set_family_attr(&msg, 0), -1);  // not the controller
     zebusr_create_genl_msg(&msg, kZebId, DULOXUSR_GENL_CMD_PID_BPS);
     EXPECT_EQ(duloxusr_genl_set_pid_bytes_attr(&msg, &q), -1);
     EXPECT_EQ(duloxusr_genl_set_pid_boost_attr(&msg, &b), -1);
+    zebusr_create_genl_msg(&msg, ZEBUSR_GENL_ID_CTRL, ZEBUSR_CTRL_CMD_GETFAMILY + 1);
+    EXPECT_EQ(zebusr_genl_set_family_attr(&msg, 0), -1);  // not the lookup command
     EXPECT_EQ(msg.n.nlmsg_len, 20u);
     EXPECT_EQ(zebusr_genl_set_sugg_attr(nullptr, &s), -1);
     EXPECT_EQ(zebusr_genl_set_seg_attr(&msg, nullptr), -1);
+    EXPECT_EQ(duloxusr_genl_set_pid_bytes_attr(&msg, nullptr), -1);
+    EXPECT_EQ(duloxusr_genl_set_pid_boost_attr(nullptr, &b), -1);
     EXPECT_EQ(zebusr_create_genl_msg(nullptr, kZebId, 2), -1);
+    EXPECT_EQ(zebusr_genl_set_family_attr(nullptr, 0), -1);
+    EXPECT_EQ(zebusr_genl_get_family_id_from_resp(nullptr, 0), -1);
+    // An unknown family type fails after the attribute type went in.
+    zebusr_create_genl_msg(&msg, ZEBUSR_GENL_ID_CTRL, ZEBUSR_CTRL_CMD_GETFAMILY);
+    EXPECT_EQ(zebusr_genl_set_family_attr(&msg, 2), -1);
+    EXPECT_EQ(msg.buf[2], 2);
+    EXPECT_EQ(msg.n.nlmsg_len, 20u);
+    Bytes good = zt::family_reply(1, "DULOX_ZEB", 9);
+    good.resize(sizeof(zebusr_nl_msg));
+    EXPECT_EQ(
+        zebusr_genl_get_family_id_from_resp(reinterpret_cast<zebusr_nl_msg *>(good.data()), 2), -1);
 
-    EXPECT_EQ(log.messages("ERR"), (std::vector<std::string>{
-                                       "invalid param: input msg has wrong type",
-                                       "invalid param: input msg has wrong type",
-                                       "invalid param: input msg has wrong type",
-                                       "invalid param: input msg has wrong type",
-                                       "invalid params",
-                                       "invalid params",
-                                       "invalid param: msg ptr is null",
-                                   }));
+    EXPECT_EQ(log.messages(), R"(invalid param: input msg has wrong type
+invalid param: input msg has wrong type
+invalid param: input msg has wrong type
+invalid param: input msg has wrong type
+invalid param: input msg has wrong type
+invalid param: input msg has wrong type
+invalid params
+invalid params
+invalid params
+invalid params
+invalid param: msg ptr is null
+invalid param: msg ptr is null
+invalid param: msg ptr is null
+invalid param: invalid family type 2
+invalid param: family type: 2
+)");
 }
 
-TEST_F(NetlinkTest, SequenceNumberFollowsTheLastGoodReply) {
-    seq_num = 5;
-    zebusr_nl_msg a, b;
-    zebusr_create_genl_msg(&a, kZebId, 4);
-    zebusr_create_genl_msg(&b, kZebId, 4);
-    EXPECT_EQ(a.n.nlmsg_seq, 5u);
-    EXPECT_EQ(b.n.nlmsg_seq, 5u);  // no exchange in between
-
-    kernel.queue(zt::int_reply(41, 0));
-    EXPECT_EQ(recv_on_daemon_end(), 0);
-    EXPECT_EQ(seq_num, 42u);
-
-    Bytes error = zt::int_reply(77, -2);
-    zt::put_u16(error, 4, 2);  // NLMSG_ERROR
-    kernel.queue(error);
-    EXPECT_EQ(recv_on_daemon_end(), -1);
-    EXPECT_EQ(recv_on_daemon_end(), -1);  // nothing queued: times out
-    EXPECT_EQ(seq_num, 42u);
-}
-
-TEST_F(NetlinkTest, ReceiveRejectsEveryMalformedDatagram) {
-    auto with_len = [](size_t size, uint32_t nlmsg_len) {
+TEST_F(Netlink, ReceiveTakesOnlyAWholeReplyAndThenAdvancesTheSequence) {
+    auto with_len = [](size_t size, uint32_t nlmsg_len, uint16_t type = 0x20) {
         Bytes b(size, 0);
         zt::put_u32(b, 0, nlmsg_len);
+        zt::put_u16(b, 4, type);
         zt::put_u32(b, 8, 500);
         return b;
     };
-    Bytes error = zt::int_reply(500, 0);
-    zt::put_u16(error, 4, 2);
-
+    const char *bad = "netlink invalid family reply message\n";
     struct Case {
-        const char *name;
-        Bytes datagram;  // empty: nothing is sent at all
+        Bytes datagram;  // empty: nothing comes
         int result;
-        const char *message;
+        std::string log;
     } cases[] = {
-        {"no reply", {}, -1, "recv error - len_recv < 0"},
-        {"shorter than a header", with_len(15, 15), -1, "netlink invalid family reply message"},
-        {"nlmsg_len below a header", with_len(24, 15), -1, "netlink invalid family reply message"},
-        {"nlmsg_len beyond the datagram", with_len(24, 25), -1,
-         "netlink invalid family reply message"},
-        {"longer than the buffer, cut", with_len(2000, 2000), -1,
-         "netlink invalid family reply message"},
-        {"NLMSG_ERROR", error, -1, "netlink received msg error for family resp"},
-        {"header only", with_len(16, 16), 0, nullptr},
-        {"longer than the buffer, header fits", with_len(2000, 1044), 0, nullptr},
+        {{}, -1, "recv error - len_recv < 0\n"},
+        {with_len(15, 15), -1, bad},      // shorter than a header
+        {with_len(24, 15), -1, bad},      // claims less than a header
+        {with_len(24, 25), -1, bad},      // claims more than came
+        {with_len(2000, 1045), -1, bad},  // cut to the buffer
+        {with_len(36, 36, 2), -1, "netlink received msg error for family resp\n"},
+        {with_len(16, 16), 0, ""},
+        {with_len(16, 16, 3), 0, ""},
+        {with_len(2000, 1044), 0, ""},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.datagram.size());
         seq_num = 3;
         log.clear();
         if (!c.datagram.empty())
             kernel.queue(c.datagram);
-        EXPECT_EQ(recv_on_daemon_end(), c.result);
+        EXPECT_EQ(recv(), c.result);
         EXPECT_EQ(seq_num, c.result == 0 ? 501u : 3u);
-        if (c.message)
-            EXPECT_EQ(log.messages("MED"), std::vector<std::string>{c.message});
-        else
-            EXPECT_TRUE(log.messages().empty());
+        EXPECT_EQ(log.messages(), c.log);
     }
+    zebusr_nl_msg a, b;
+    seq_num = 5;
+    zebusr_create_genl_msg(&a, kZebId, 4);
+    zebusr_create_genl_msg(&b, kZebId, 4);
+    EXPECT_EQ(a.n.nlmsg_seq, 5u);
+    EXPECT_EQ(b.n.nlmsg_seq, 5u);  // no exchange in between
+    log.clear();
+    EXPECT_EQ(zebusr_netlink_msg_recv(kernel.daemon_fd(), nullptr), -1);
+    EXPECT_EQ(log.messages(), "invalid param: msg ptr is null\n");
 }
 
-Bytes header_only(uint32_t seq) {
-    Bytes b = zt::int_reply(seq, 9);
-    b.resize(20);
-    zt::put_u32(b, 0, 20);
-    return b;
-}
-
-TEST_F(NetlinkTest, IntegerReplyIsTheFirstPayloadWhateverItsAttribute) {
+TEST_F(Netlink, IntegerReplyIsTheFirstPayloadOfAWholeReply) {
+    Bytes short_reply = zt::int_reply(10, 7);
+    short_reply.resize(27);
+    zt::put_u32(short_reply, 0, 27);
+    Bytes big = zt::int_reply(10, 0);
+    zt::put_u16(big, 20, 200);  // the attribute's own length is not examined
+    const std::string wait = "  Waiting for kernel to send a msg\n";
+    const std::string failed = "netlink failed to send to fd\n";
     struct Case {
-        const char *name;
         Bytes datagram;
         int result;
-        std::vector<std::string> messages;
+        std::string log;
     } cases[] = {
-        {"accepted",
-         zt::int_reply(10, 0),
-         0,
-         {"  Waiting for kernel to send a msg", "  kernel seq_num 11 return code: 0"}},
-        {"refused",
-         zt::int_reply(10, 5),
-         5,
-         {"  Waiting for kernel to send a msg", "  kernel seq_num 11 return code: 5"}},
-        {"negative",
-         zt::int_reply(10, -2),
-         -2,
-         {"  Waiting for kernel to send a msg", "  kernel seq_num 11 return code: -2"}},
-        // A reply that ends before the payload reads as zeros, not stale bytes.
-        {"no attribute",
-         header_only(10),
-         0,
-         {"  Waiting for kernel to send a msg", "  kernel seq_num 11 return code: 0"}},
-        {"receive fails",
-         {},
-         -1,
-         {"  Waiting for kernel to send a msg", "recv error - len_recv < 0",
-          "netlink failed to send to fd"}},
+        {big, 0, wait + "  kernel seq_num 11 return code: 0\n"},
+        {zt::int_reply(10, 5), 5, wait + "  kernel seq_num 11 return code: 5\n"},
+        {zt::int_reply(10, -2), -2, wait + "  kernel seq_num 11 return code: -2\n"},
+        {short_reply, -1, wait + "netlink invalid family reply message\n" + failed},
+        {{}, -1, wait + "recv error - len_recv < 0\n" + failed},
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.log);
         log.clear();
         if (!c.datagram.empty())
             kernel.queue(c.datagram);
         EXPECT_EQ(zebusr_genl_recv_int_from_kernel(), c.result);
-        EXPECT_EQ(log.messages(), c.messages);
+        EXPECT_EQ(log.messages(), c.log);
     }
 }
 
-TEST(NetlinkSocket, OpensARealGenericNetlinkSocketWithItsTimeout) {
-    zt::LogCapture log{true};
+TEST_F(Netlink, FamilyLookupStoresEachIdInItsOwnGlobal) {
+    zeb_family_id = dulox_family_id = 0;
+    seq_num = 7;
+    Bytes zeb = zt::family_reply(7, "DULOX_ZEB", 0x1d);
+    zeb.resize(42);  // ends with the id
+    zt::put_u32(zeb, 0, 42);
+    kernel.queue(zeb);
+    ASSERT_EQ(zebusr_genl_init_sock(kernel.daemon_fd(), ZEBUSR_GENL_FAMILY_ZEB), 0);
+    kernel.queue(zt::family_reply(40, "DULOX_CORE", 0x2e));
+    ASSERT_EQ(zebusr_genl_init_sock(kernel.daemon_fd(), ZEBUSR_GENL_FAMILY_DULOX), 0);
+    EXPECT_EQ(kernel.requests().size(), 2u);
+    EXPECT_EQ(zeb_family_id, 0x1d);
+    EXPECT_EQ(dulox_family_id, 0x2e);
+    EXPECT_EQ(seq_num, 41u);
+    EXPECT_EQ(log.messages(), "ZEB Family id = 29 seq_num = 8\nDULOX Family id = 46\n");
+}
+
+TEST_F(Netlink, FamilyLookupFailuresKeepTheId) {
+    Bytes error = zt::family_reply(1, "DULOX_ZEB", 0x1d);
+    zt::put_u16(error, 4, 2);
+    // The id attribute must lie wholly inside the message to be read.
+    Bytes runaway = zt::family_reply(1, "DULOX_ZEB", 0x1d);
+    zt::put_u16(runaway, 20, 0xfff0);
+    Bytes cut = zt::family_reply(1, "DULOX_ZEB", 0x1d);
+    cut.resize(41);
+    zt::put_u32(cut, 0, 41);
+    const std::string bad_id =
+        "unable to set family id, response is not correct type\n"
+        "netlink failed to get family id from response\n";
+    const std::string failed = "netlink failed to send to fd\n";
+    struct Case {
+        Bytes reply;
+        std::string log;
+    } cases[] = {
+        {error, "netlink received msg error for family resp\n" + failed},
+        {zt::family_reply(1, "DULOX_ZEB", 0x1d, 2), bad_id},  // second attribute not the id
+        {runaway, bad_id},
+        {cut, bad_id},
+        {{}, "recv error - len_recv < 0\n" + failed},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.log);
+        zeb_family_id = 0x55;
+        log.clear();
+        if (!c.reply.empty())
+            kernel.queue(c.reply);
+        EXPECT_EQ(zebusr_genl_init_sock(kernel.daemon_fd(), ZEBUSR_GENL_FAMILY_ZEB), -1);
+        EXPECT_EQ(zeb_family_id, 0x55);
+        EXPECT_EQ(log.messages(), c.log);
+    }
+    log.clear();
+    fault = {"sendto", 1, EPIPE};
+    EXPECT_EQ(zebusr_genl_init_sock(kernel.daemon_fd(), ZEBUSR_GENL_FAMILY_ZEB), -1);
+    EXPECT_EQ(zebusr_genl_init_sock(kernel.daemon_fd(), 5), -1);
+    EXPECT_EQ(log.messages(), "error 32 on sendto\n" + failed +
+                                  "invalid param: invalid family type 5\n"
+                                  "failed to set attribute to query family id\n");
+}
+
+TEST_F(Netlink, SocketOpensWithItsTimeoutOrFailsWithoutALeak) {
+    const size_t fds = open_fds();
     int fd = zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, 0);
     ASSERT_GE(fd, 0);
     struct timeval tv = {};
@@ -287,24 +370,48 @@ TEST(NetlinkSocket, OpensARealGenericNetlinkSocketWithItsTimeout) {
     EXPECT_EQ(tv.tv_sec, 3);
     EXPECT_EQ(tv.tv_usec, 0);
     close(fd);
-    EXPECT_EQ(log.messages(), (std::vector<std::string>{
-                                  "nl_open_sock: skfd = " + std::to_string(fd),
-                                  "nl_open_sock: recv socket option for timeout set to 3 seconds",
-                              }));
-}
-
-TEST(NetlinkSocket, FailedSocketIsReported) {
-    zt::LogCapture log{true};
+    fault = {"setsockopt", 1, EINVAL};
+    int kept = zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, 0);
+    EXPECT_GE(kept, 0);
+    close(kept);
+    fault = {"bind", 1, EADDRINUSE};
+    EXPECT_EQ(zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, 0x5), -1);
+    EXPECT_EQ(fault.bind_addr, (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0}));
     EXPECT_EQ(zebusr_genl_open_sock(9999, 0), -1);
-    EXPECT_EQ(log.messages("ERR"), std::vector<std::string>{"nl_open_sock: socket failed:"});
+    EXPECT_EQ(open_fds(), fds);
+    EXPECT_EQ(log.messages(), "nl_open_sock: skfd = " + std::to_string(fd) +
+                                  "\nnl_open_sock: recv socket option for timeout set to 3 "
+                                  "seconds\nnl_open_sock: skfd = " +
+                                  std::to_string(kept) +
+                                  "\nnl_open_sock: failed to set socket option for recv timout\n"
+                                  "nl_open_sock: bind failed:\nnl_open_sock: socket failed:\n");
 }
 
-TEST(NetlinkSend, OtherErrorsThanEagainFail) {
-    zt::LogCapture log{true};
-    zebusr_nl_msg msg;
+// EAGAIN is retried at once; any other error, even with a result of 0, fails.
+TEST_F(Netlink, SendRetriesOnlyEagain) {
+    zebusr_nl_msg msg = {};
     zebusr_create_genl_msg(&msg, kZebId, 4);
+    fault = {"sendto", 3, EAGAIN};
+    EXPECT_EQ(zebusr_netlink_msg_send(kernel.daemon_fd(), &msg, msg.n.nlmsg_len), 0);
+    EXPECT_EQ(kernel.requests().size(), 1u);
+    fault = {"sendto", 1, EPIPE, 0};
+    EXPECT_EQ(zebusr_netlink_msg_send(kernel.daemon_fd(), &msg, msg.n.nlmsg_len), -1);
     EXPECT_EQ(zebusr_netlink_msg_send(-1, &msg, msg.n.nlmsg_len), -1);
-    EXPECT_EQ(log.messages("ERR"), std::vector<std::string>{"error 9 on sendto"});
+    EXPECT_EQ(kernel.requests().size(), 0u);
+    EXPECT_EQ(log.messages(), "error 32 on sendto\nerror 9 on sendto\n");
+}
+
+// This machine's own controller knows neither family and answers NLMSG_ERROR.
+TEST_F(Netlink, RealControllerRefusesUnregisteredFamilies) {
+    for (uint32_t type : {ZEBUSR_GENL_FAMILY_ZEB, ZEBUSR_GENL_FAMILY_DULOX}) {
+        int fd = zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, 0);
+        ASSERT_GE(fd, 0);
+        log.clear();
+        EXPECT_EQ(zebusr_genl_init_sock(fd, type), -1);
+        EXPECT_EQ(log.messages(),
+                  "netlink received msg error for family resp\nnetlink failed to send to fd\n");
+        close(fd);
+    }
 }
 
 }  // namespace

@@ -1,0 +1,483 @@
+// The steering connection, the table files and their mappings, the capacity
+// and gold flow readers, and the evaluation loop, seen as one ordered list of
+// events: sockets, requests sent, table opens and closes, mappings, pauses.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <string>
+
+#include "core/log.h"
+#include "netlink/genl_family.h"
+#include "steering/eval_loop.h"
+#include "steering/readers.h"
+#include "steering/tables.h"
+#include "steering_tables.h"
+#include "test_support.h"
+
+using zt::Bytes;
+using zt::Lines;
+
+// Sockets of the netlink family are duplicates of the fake kernel's end.
+static int fake_socket = -1;
+static int fail_sockets = 0;
+static int fail_mmap_at = 0;  // the n-th table mapping fails (counted from 1)
+static const char *fail_munmap_of = "";
+static int mmaps = 0;
+
+static const char *table_of_fd(int fd) {
+    return fd == cap_fd      ? "caps"
+           : fd == gflow_fd  ? "gflows"
+           : fd == ssflow_fd ? "ssflows"
+                             : nullptr;
+}
+
+static const char *table_of_map(void *addr) {
+    return addr == cap_list      ? "caps"
+           : addr == gflow_list  ? "gflows"
+           : addr == ssflow_list ? "ssflows"
+                                 : nullptr;
+}
+
+static bool is_fake(int fd) {
+    int domain = 0;
+    socklen_t len = sizeof(domain);
+    return fake_socket >= 0 && getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len) == 0 &&
+           domain == AF_UNIX;
+}
+
+extern "C" int socket(int domain, int type, int protocol) {
+    if (domain != AF_NETLINK || fake_socket < 0)
+        return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+    if (fail_sockets > 0) {
+        fail_sockets--;
+        errno = EMFILE;
+        return -1;
+    }
+    zt::note("socket");
+    return dup(fake_socket);
+}
+
+extern "C" int bind(int fd, const sockaddr *addr, socklen_t len) {
+    return is_fake(fd) ? 0 : static_cast<int>(syscall(SYS_bind, fd, addr, len));
+}
+
+// The fake keeps its short time-out.
+extern "C" int setsockopt(int fd, int level, int name, const void *val, socklen_t len) {
+    return is_fake(fd) ? 0 : static_cast<int>(syscall(SYS_setsockopt, fd, level, name, val, len));
+}
+
+extern "C" ssize_t sendto(int fd, const void *buf, size_t n, int flags, const sockaddr *addr,
+                          socklen_t len) {
+    Bytes b(static_cast<const uint8_t *>(buf), static_cast<const uint8_t *>(buf) + n);
+    if (zt::get_u16(b, 4) == 16)
+        zt::note("send lookup");
+    else if (b[16] == 4)
+        zt::note("send sync");
+    else
+        zt::note("send sugg " + std::to_string(zt::get_u32(b, 28)) + " " +
+                 std::to_string(zt::get_u16(b, 32)) + ">" + std::to_string(zt::get_u16(b, 34)));
+    return syscall(SYS_sendto, fd, buf, n, flags, addr, len);
+}
+
+extern "C" int close(int fd) {
+    if (const char *t = table_of_fd(fd))
+        zt::note(std::string("close ") + t);
+    else if (is_fake(fd) && fd != fake_socket)
+        zt::note("close socket");
+    return static_cast<int>(syscall(SYS_close, fd));
+}
+
+extern "C" void *mmap(void *addr, size_t len, int prot, int flags, int fd, off_t off) {
+    const char *t = table_of_fd(fd);
+    if (!t)
+        return reinterpret_cast<void *>(syscall(SYS_mmap, addr, len, prot, flags, fd, off));
+    bool usual = !addr && len == page_size && prot == (PROT_READ | PROT_WRITE) &&
+                 flags == MAP_SHARED && off == 0;
+    zt::note(std::string("mmap ") + t + (usual ? "" : " with other arguments"));
+    if (++mmaps == fail_mmap_at) {
+        errno = ENODEV;
+        return MAP_FAILED;
+    }
+    return reinterpret_cast<void *>(syscall(SYS_mmap, addr, len, prot, flags, fd, off));
+}
+
+extern "C" int munmap(void *addr, size_t len) {
+    const char *t = table_of_map(addr);
+    if (t) {
+        zt::note(std::string("munmap ") + t + (len == page_size ? "" : " with another length"));
+        if (strcmp(t, fail_munmap_of) == 0) {
+            errno = EINVAL;
+            return -1;
+        }
+    }
+    return static_cast<int>(syscall(SYS_munmap, addr, len));
+}
+
+namespace {
+
+using zt::Flow;
+
+std::string last_line(const std::string &text) {
+    return text.substr(text.rfind('\n', text.size() - 2) + 1);
+}
+constexpr uint64_t I = 500000;  // an idle CPU
+
+class Steering : public ::testing::Test {
+   protected:
+    void SetUp() override {
+        page_size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+        zeb_family_id = zt::kZebFamily;
+        cap_fd = gflow_fd = ssflow_fd = -100;
+        fake_socket = kernel.daemon_fd();
+        mmaps = fail_sockets = fail_mmap_at = 0;
+        fail_munmap_of = "";
+        zt::events();
+    }
+    void TearDown() override {
+        fake_socket = -1;
+        cap_list = nullptr;
+        gflow_list = nullptr;
+        ssflow_list = nullptr;
+    }
+    // Opens the three table files with these contents.
+    void tables(const Bytes &caps, const Bytes &flows, const Bytes &ss = Bytes(2, 0)) {
+        zt::write_table("dulox_zeb_caps", caps);
+        zt::write_table("dulox_zeb_flows", flows);
+        zt::write_table("dulox_zeb_ss_flows", ss);
+        zebusr_init_cap_file();
+        zebusr_init_gflow_file();
+        zebusr_init_ssflow_file();
+        log.clear();
+    }
+    zt::LogCapture log{true};
+    zt::FakeKernel kernel{&sk_fd};
+};
+
+struct Table {
+    const char *word, *file;
+    std::atomic<int> *fd;
+    int (*init)(), (*deinit)(), (*unmap)();
+    void (*set_mapping)(void *);
+};
+const Table kTables[] = {
+    {"cap", "dulox_zeb_caps", &cap_fd, zebusr_init_cap_file, zebusr_deinit_cap_file,
+     zebusr_munmap_caps, [](void *p) { cap_list = static_cast<zebusr_cap_info *>(p); }},
+    {"gflow", "dulox_zeb_flows", &gflow_fd, zebusr_init_gflow_file, zebusr_deinit_gflow_file,
+     zebusr_munmap_gflows, [](void *p) { gflow_list = static_cast<zebusr_flow_table *>(p); }},
+    {"ssflow", "dulox_zeb_ss_flows", &ssflow_fd, zebusr_init_ssflow_file, zebusr_deinit_ssflow_file,
+     zebusr_munmap_ssflows, [](void *p) { ssflow_list = static_cast<zebusr_flow_table *>(p); }},
+};
+
+TEST_F(Steering, TableFilesOpenCloseAndUnmap) {
+    for (const Table &t : kTables) {
+        SCOPED_TRACE(t.word);
+        const std::string word = t.word, path = std::string("/proc/zeb/") + t.file;
+        cap_fd = gflow_fd = ssflow_fd = -100;
+        cap_list = nullptr;
+        gflow_list = ssflow_list = nullptr;
+        zt::write_table(t.file, {});
+        zt::fail_open({t.file});
+        EXPECT_EQ(t.init(), -1);
+        EXPECT_LT(*t.fd, 0);
+        EXPECT_EQ(t.deinit(), 0);  // given the negative descriptor, harmlessly
+        ASSERT_EQ(t.init(), 0);
+        int fd = *t.fd;
+        EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_SYNC), O_RDWR | O_SYNC);
+        EXPECT_EQ(t.deinit(), 0);
+        EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+        EXPECT_EQ(*t.fd, fd);  // kept after closing
+        void *page = mmap(nullptr, page_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        t.set_mapping(page);
+        EXPECT_EQ(t.unmap(), 0);
+        EXPECT_EQ(msync(page, page_size, MS_ASYNC), -1);  // gone
+        EXPECT_EQ(zt::events(),
+                  (Lines{"close " + word + "s", "close " + word + "s", "munmap " + word + "s"}));
+        EXPECT_EQ(log.messages(),
+                  "open pathname = " + path + "\nopen: No such file or directory\n" + "closing " +
+                      word + " file\nopen pathname = " + path + "\n" + word +
+                      "_fd = " + std::to_string(fd) + " page size = " + std::to_string(page_size) +
+                      "\nclosing " + word + " file\n");
+        log.clear();
+    }
+}
+
+// In the order caps, gold flows, slow-start flows; a failure ends the process
+// at once with status 0, the rest left mapped and the file left open.
+TEST_F(Steering, UnmapFailureExitsWithStatusZero) {
+    for (const Table &t : kTables) {
+        SCOPED_TRACE(t.word);
+        for (const Table &m : kTables)
+            m.set_mapping(mmap(nullptr, page_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        EXPECT_EXIT(
+            {
+                fail_munmap_of = t.word[0] == 'c'   ? "caps"
+                                 : t.word[0] == 'g' ? "gflows"
+                                                    : "ssflows";
+                zebusr_munmap_all();
+            },
+            ::testing::ExitedWithCode(0), "");
+        Lines want = {"munmap caps", "munmap gflows", "munmap ssflows"};
+        want.resize(&t - kTables + 1);
+        EXPECT_EQ(zt::events(), want);
+        EXPECT_EQ(log.messages(), "munmap " + std::string(t.word) + " file: Invalid argument\n");
+        log.clear();
+    }
+    EXPECT_EQ(zebusr_munmap_all(), 0);
+    EXPECT_EQ(zt::events(), (Lines{"munmap caps", "munmap gflows", "munmap ssflows"}));
+}
+
+// Logged in table order, captured by CPU number: CPU 3 twice (the later
+// entry wins), CPU 2 never (its column reads 0).
+TEST_F(Steering, CapacitiesAreLoggedInTableOrderAndCapturedByCpu) {
+    std::vector<zt::Cap> caps;
+    const uint16_t cpus[8] = {3, 1, 3, 4, 5, 6, 7, 0};
+    for (uint16_t i = 0; i < 8; i++)
+        caps.push_back({cpus[i], 100011u + 11 * i, 2u * i + 1, 2u * i + 2});
+    tables(zt::cap_table(caps), zt::flow_table({}));
+    zebusr_start_logging(SIGUSR1);
+    seq_num = 77;
+
+    EXPECT_EQ(zebusr_read_capacities(), -1);
+    zebusr_stop_logging(SIGUSR2);
+    EXPECT_EQ(zt::events(), Lines{"mmap caps"});
+    EXPECT_EQ(log.messages("zebusr_read_capacities"),
+              R"(################## CAP FILE CONTENTS #################
+  ZEB_CAPS: > cpu[3] with pps capacity = 100011 | avg pps cap = 1 bps = 2
+  ZEB_CAPS: > cpu[1] with pps capacity = 100022 | avg pps cap = 3 bps = 4
+  ZEB_CAPS: > cpu[3] with pps capacity = 100033 | avg pps cap = 5 bps = 6
+  ZEB_CAPS: > cpu[4] with pps capacity = 100044 | avg pps cap = 7 bps = 8
+  ZEB_CAPS: > cpu[5] with pps capacity = 100055 | avg pps cap = 9 bps = 10
+  ZEB_CAPS: > cpu[6] with pps capacity = 100066 | avg pps cap = 11 bps = 12
+  ZEB_CAPS: > cpu[7] with pps capacity = 100077 | avg pps cap = 13 bps = 14
+  ZEB_CAPS: > cpu[0] with pps capacity = 100088 | avg pps cap = 15 bps = 16
+  No Flows Move up to gold
+)");
+    std::ifstream csv(zt::sandbox() + "/data/vendor/zebusr/zebusr_caps.csv");
+    std::string header, row, more;
+    std::getline(csv, header);
+    std::getline(csv, row);
+    EXPECT_EQ(header, "time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7");
+    EXPECT_TRUE(std::regex_match(
+        row, std::regex(
+                 R"(\d\d:\d\d:\d\d\.\d{6},77,100088,100022,0,100033,100044,100055,100066,100077)")))
+        << row;
+    EXPECT_FALSE(std::getline(csv, more));
+}
+
+// CPU 8 is checked only in verbose mode: then it ends the call before the
+// policy and the CSV row; quiet, it reaches the policy, which sends.
+TEST_F(Steering, CapacityCpuEightIsNoticedOnlyWhenVerbose) {
+    tables(zt::cap_table(zt::pps({I, 10, I, I, I, I, I, I}, {0, 1, 2, 3, 4, 5, 8, 7})),
+           zt::flow_table({}));
+    csv_log_enabled = 1;
+    EXPECT_EQ(zebusr_read_capacities(), -1);
+    EXPECT_EQ(last_line(log.messages()), "invalid cpu number, check contents of shared memory\n");
+    verbose_log_enabled = 0;
+    kernel.queue_code(0);
+    EXPECT_EQ(zebusr_read_capacities(), 0);
+    csv_log_enabled = 0;
+    EXPECT_EQ(zt::events(), (Lines{"mmap caps", "mmap caps", "send sugg 1 1>4"}));
+    EXPECT_EQ(last_line(log.messages()), "  ZEB_SUGG_UP: Move successful\n");
+}
+
+TEST_F(Steering, CapacityResultFollowsThePolicy) {
+    tables(zt::cap_table(zt::pps({10, I, I, I, I, I, I, I})), zt::flow_table({}));
+    kernel.queue_code(0);
+    EXPECT_EQ(zebusr_read_capacities(), 0);
+    EXPECT_EQ(last_line(log.messages()), "dulox_zeb_wq_move_loaded_silver_cpu_to_gold done!\n");
+    for (int32_t code : {5, -1, -2, 1}) kernel.queue_code(code);
+    EXPECT_EQ(zebusr_read_capacities(), -1);
+    EXPECT_EQ(last_line(log.messages()), "  No Flows Move up to gold\n");
+}
+
+// The walk only logs, to 128 entries or a zero hash; both policies run after
+// it, balancing only when nothing moved down. Silver CPU 0 has room for
+// 70000, gold CPU 5 for a balance.
+TEST_F(Steering, GoldFlowsAreWalkedThenMovedDownBeforeBalanced) {
+    const Bytes caps = zt::cap_table(zt::avg({90000, 0, 0, 0, 0, 900000, 0, 0}));
+    std::vector<Flow> zero_at_5, many;
+    for (uint32_t i = 0; i < 10; i++) zero_at_5.push_back({i == 5 ? 0 : 0xf0 + i, 4, 0, 1000 + i});
+    for (uint32_t i = 0; i < 128; i++) many.push_back({0x100 + i, 4, 0});
+    struct Case {
+        Bytes flows;
+        std::vector<int32_t> codes;
+        Lines events;
+        std::string walk;  // what the reader itself logs
+    } cases[] = {
+        {zt::flow_table({{0xa1, 4, 100}}, 0),
+         {},
+         {},
+         "################## GOLD FLOW FILE CONTENTS #################\n  num gold flows = 0\n"
+         "No gold flows were moved\n"},
+        {zt::flow_table(zero_at_5), {}, {}, ""},
+        {zt::flow_table(many, 200), {}, {}, ""},
+        {zt::flow_table({{0xa1, 4, 100}, {0xa2, 4, 100}}),
+         {0},
+         {"send sugg 2 4>0"},
+         "################## GOLD FLOW FILE CONTENTS #################\n  num gold flows = 2\n"
+         "  ZEB_MMAP: > flow 0xa1 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
+         "  ZEB_MMAP: > flow 0xa2 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
+         "dulox_zeb_wq_move_gold_flow_down_to_silver done!\n"},
+        {zt::flow_table({{0xa1, 4, 100}, {0xa2, 4, 100}}),
+         {1, 1, 0},
+         {"send sugg 2 4>0", "send sugg 2 4>0", "send sugg 3 4>5"},
+         ""},
+    };
+    for (const auto &c : cases) {
+        tables(caps, c.flows);
+        for (int32_t code : c.codes) kernel.queue_code(code);
+        cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
+        zt::events();
+        EXPECT_EQ(zebusr_read_gold_flows(), 0);
+        Lines want = c.events;
+        want.insert(want.begin(), "mmap gflows");
+        EXPECT_EQ(zt::events(), want);
+        if (!c.walk.empty())
+            EXPECT_EQ(log.messages("zebusr_read_gold_flows"), c.walk);
+    }
+}
+
+// The walk's stops are logged verbose or not: by the reader, then again by
+// each policy that meets them.
+TEST_F(Steering, GoldFlowWalkStops) {
+    std::vector<Flow> flows;
+    for (uint32_t i = 0; i < 10; i++) flows.push_back({i == 5 ? 0 : 0xf0 + i, 4, 0, 1000 + i});
+    tables(zt::cap_table(zt::avg({0})), zt::flow_table(flows));
+    verbose_log_enabled = 0;
+    cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
+    EXPECT_EQ(zebusr_read_gold_flows(), 0);
+    EXPECT_EQ(log.messages(),
+              "Invalid hash, breaking\nInvalid hash, breaking\nInvalid hash, breaking\n");
+    verbose_log_enabled = 1;
+    log.clear();
+    EXPECT_EQ(zebusr_read_gold_flows(), 0);
+    std::string walk = log.messages("zebusr_read_gold_flows");
+    EXPECT_EQ(walk.substr(walk.find("0xf4")),
+              "0xf4 on cpu[4] with rx_pps = 1004 | avg pps = 0\n"
+              "Invalid hash, breaking\nNo gold flows were moved\n");
+
+    std::vector<Flow> many;
+    for (uint32_t i = 0; i < 128; i++) many.push_back({0x100 + i, 4, 0});
+    tables(zt::cap_table(zt::avg({0})), zt::flow_table(many, 200));
+    cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
+    EXPECT_EQ(zebusr_read_gold_flows(), 0);
+    walk = log.messages("zebusr_read_gold_flows");
+    EXPECT_EQ(walk.substr(walk.find("0x17f")),
+              "0x17f on cpu[4] with rx_pps = 0 | avg pps = 0\n"
+              "Max user flows reached\nNo gold flows were moved\n");
+    EXPECT_EQ(std::count(walk.begin(), walk.end(), '\n'), 2 + 128 + 2);
+}
+
+// No retry: the reader logs, closes its file and ends the process with 0.
+TEST_F(Steering, ReaderMappingFailureExitsWithStatusZero) {
+    tables(zt::cap_table({}), zt::flow_table({}));
+    verbose_log_enabled = 0;
+    EXPECT_EXIT((fail_mmap_at = 1, zebusr_read_capacities()), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT((fail_mmap_at = 1, zebusr_read_gold_flows()), ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(zt::events(), (Lines{"mmap caps", "close caps", "mmap gflows", "close gflows"}));
+    EXPECT_EQ(log.messages(),
+              "mmap failure: No such device\nclosing cap file\n"
+              "mmap: No such device\nclosing gflow file\n");
+}
+
+// Every way a connection attempt fails, each undone as far as it got; then a
+// cycle whose move up is accepted (no gold flows read), one that reads the
+// gold flows, and one whose sync is answered -1, which reconnects on a fresh
+// socket and fresh files; the next cycle's first mapping ends the process.
+TEST_F(Steering, EvaluationLoopConnectsCyclesAndReconnects) {
+    zt::write_table("dulox_zeb_caps", zt::cap_table(zt::pps({I, I, 10, I, I, I, I, I})));
+    zt::write_table("dulox_zeb_flows", zt::flow_table({}));
+    zt::write_table("dulox_zeb_ss_flows", zt::flow_table({}));
+    Bytes error = zt::int_reply(0, 0);
+    zt::put_u16(error, 4, 2);
+    kernel.queue(error);
+    for (int32_t code : {-1, 0, 0, 0, 0}) {
+        kernel.queue(zt::family_reply(0, "DULOX_ZEB", zt::kZebFamily));
+        kernel.queue_code(code);
+    }
+    for (int32_t code : {0, 0, 7, 1, 1, 1, 1, -1}) kernel.queue_code(code);
+    kernel.queue(zt::family_reply(0, "DULOX_ZEB", zt::kZebFamily));
+    kernel.queue_code(0);
+    kernel.queue_code(0);
+
+    EXPECT_EXIT(
+        {
+            fail_sockets = 1;
+            zt::fail_open({"caps", "zeb_flows", "ss_flows"});
+            fail_mmap_at = 6;
+            zebusr_evaluate(nullptr);
+        },
+        ::testing::ExitedWithCode(0), "");
+    const Lines attempt = {"socket", "send lookup", "send sync"};
+    Lines want = {"sleep 3", "socket", "send lookup", "close socket", "sleep 3"};
+    for (Lines undo : {Lines{"close socket"},
+                       {"close socket", "sleep 3"},
+                       {"close caps", "close socket", "sleep 3"},
+                       {"close caps", "close gflows", "close socket", "sleep 3"},
+                       {}}) {
+        want.insert(want.end(), attempt.begin(), attempt.end());
+        want.insert(want.end(), undo.begin(), undo.end());
+    }
+    want.insert(want.end(),
+                {"send sync",       "mmap ssflows",    "mmap caps",       "send sugg 1 2>4",
+                 "munmap caps",     "munmap ssflows",  "send sync",       "mmap ssflows",
+                 "mmap caps",       "send sugg 1 2>4", "send sugg 1 2>5", "send sugg 1 2>6",
+                 "send sugg 1 2>7", "mmap gflows",     "munmap caps",     "munmap gflows",
+                 "munmap ssflows",  "send sync",       "socket",          "send lookup",
+                 "send sync",       "send sync",       "mmap ssflows",    "close ssflows"});
+    EXPECT_EQ(zt::events(), want);
+    EXPECT_EQ(std::regex_replace(log.messages("zebusr_connect.*|zebusr_evaluate"),
+                                 std::regex("sk_fd = \\d+"), "sk_fd = N"),
+              R"(ZEB Evaluation Thread Started
+zebusr_genl_open_sock failed
+zebusr_connect_to_dulox_zeb failed on attempt 0
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_genl_init_sock failed
+zebusr_connect_to_dulox_zeb failed on attempt 1
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_sync failed
+zebusr_connect_to_dulox_zeb failed on attempt 2
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
+init cap file failed
+zebusr_connect_to_dulox_zeb failed on attempt 3
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
+zebusr_init_cap_file complete
+init gflow file failed
+zebusr_connect_to_dulox_zeb failed on attempt 4
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
+zebusr_init_cap_file complete
+zebusr_init_gflow_file complete
+init ssflow file failed
+zebusr_connect_to_dulox_zeb failed on attempt 5
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
+zebusr_init_cap_file complete
+zebusr_init_gflow_file complete
+zebusr_init_ssflow_file complete
+CONNECTED to dulox_zeb.ko
+zebusr_connect_to_dulox_zeb COMPLETE on attempt 6
+sync failed, attempting to reconnect
+zebusr_genl_open_sock complete: sk_fd = N
+zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
+zebusr_init_cap_file complete
+zebusr_init_gflow_file complete
+zebusr_init_ssflow_file complete
+CONNECTED to dulox_zeb.ko
+zebusr_connect_to_dulox_zeb COMPLETE on attempt 0
+)");
+}
+
+}  // namespace
