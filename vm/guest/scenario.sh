@@ -68,6 +68,10 @@ cat /quiet.ctl >$ZEB/control
 must wait_for $LOG 'CONNECTED to dulox_zeb.ko' 3 15
 must wait_for $ZEB/transcript '^sync ' 3 10
 
+# The exit handler closes the socket under the running evaluation thread,
+# which may reconnect before the process is gone: the transcript ends here.
+cat $ZEB/transcript >/out/transcript-2.txt
+
 phase "SIGTERM"
 kill -TERM "$pid"
 (sleep 10; kill -9 "$pid") 2>/dev/null &
@@ -75,5 +79,4 @@ watchdog=$!
 wait "$pid"
 echo "daemon exit $?"
 kill "$watchdog" 2>/dev/null
-cat $ZEB/transcript >/out/transcript-2.txt
 phase "done"
