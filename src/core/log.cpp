@@ -41,6 +41,8 @@ void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, c
 
     char stamp[ZEBUSR_STAMP_LEN];
     zebusr_log_stamp(stamp);
+    // Still three writes, but no other thread's line can fall between them.
+    flockfile(fp);
     fprintf(fp, "%16s %40s():%3u (%s): ", stamp, func, line, zebusr_level_words[level]);
 
     va_list ap;
@@ -50,6 +52,7 @@ void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, c
 
     fprintf(fp, "\n");
     fflush(fp);
+    funlockfile(fp);
 }
 
 void zebusr_start_logging(int) {

@@ -1,5 +1,7 @@
 #include "harness.hpp"
 
+#include "log_check.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,6 +54,10 @@ Daemon::Daemon(const std::string &scenario, std::vector<std::string> args)
     };
     session_ = std::make_unique<sim::Session>(std::move(o));
     session_->start_daemon();
+}
+
+Daemon::~Daemon() {
+    EXPECT_EQ(zt::check_log(log()), "") << describe();
 }
 
 int Daemon::wait_exit() {

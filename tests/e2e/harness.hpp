@@ -28,6 +28,8 @@ class Daemon {
    public:
     // `scenario` is a file under scenarios/, or inline JSON when it starts with '{'.
     explicit Daemon(const std::string &scenario, std::vector<std::string> args = {});
+    // Holds the whole log to the table of lines (log_check.h).
+    ~Daemon();
 
     void signal(int sig) { session_->signal(sig); }
     int wait_exit();               // exit status, or -1 if still running at the bound

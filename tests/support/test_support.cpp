@@ -238,27 +238,28 @@ int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
     return remove(path);
 }
 
+// Never destroyed: a daemon thread may still note a pause while its
+// process exits. Only the process that made the folder removes it.
 struct Sandbox {
     std::string root;
     pid_t owner;
-    Sandbox() : owner(getpid()) {
-        char tmpl[] = "/tmp/zebusr-sandbox-XXXXXX";
-        if (!mkdtemp(tmpl))
-            throw std::runtime_error("mkdtemp");
-        root = tmpl;
-        for (const char *d : {"/proc", "/proc/zeb", "/data", "/data/vendor", "/data/vendor/zebusr"})
-            mkdir((root + d).c_str(), 0755);
-    }
-    // Death-test children share it; only the process that made it removes it.
-    ~Sandbox() {
-        if (getpid() == owner)
-            nftw(root.c_str(), remove_entry, 8, FTW_DEPTH | FTW_PHYS);
-    }
 };
 
 Sandbox &the_sandbox() {
-    static Sandbox s;
-    return s;
+    static Sandbox *s = [] {
+        char tmpl[] = "/tmp/zebusr-sandbox-XXXXXX";
+        if (!mkdtemp(tmpl))
+            throw std::runtime_error("mkdtemp");
+        auto *made = new Sandbox{tmpl, getpid()};
+        for (const char *d : {"/proc", "/proc/zeb", "/data", "/data/vendor", "/data/vendor/zebusr"})
+            mkdir((made->root + d).c_str(), 0755);
+        atexit([] {
+            if (getpid() == the_sandbox().owner)
+                nftw(the_sandbox().root.c_str(), remove_entry, 8, FTW_DEPTH | FTW_PHYS);
+        });
+        return made;
+    }();
+    return *s;
 }
 
 // The daemon's two fixed folders, moved under the sandbox; other paths pass.
