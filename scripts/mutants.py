@@ -17,23 +17,30 @@ options:
   --ref REV            test the committed tree REV instead of the working tree
 
 operators: rel (< <= > >= shifted), eq (== !=), logic (&& ||), lit (integer
-literal +1/-1), log (ZLOG level: HIGH->MED, ERR->LOW, MED->HIGH, LOW->ERR, which
+literal +1 and -1, sign included), log (ZLOG level: HIGH->MED, ERR->LOW, MED->HIGH, LOW->ERR, which
 moves the line across the verbose gate and changes its level word), call (a
 standalone call statement replaced by {}), flow (continue;/break; replaced by
 {}), ret (return 0; <-> return -1;). Comments, strings, preprocessor lines and
 static_assert are never touched.
 
+Each mutant runs the unit test executables first (those that killed mutants of
+the same file before, kept in build/mutants/kills.json, then those named like
+it), the whole-process ones last in two gtest shards, and stops at the first
+failure. A suite still running after 4 times its unmutated time (15 s at least)
+is a timeout. The first run builds the copy in full (about two minutes).
+
 results: killed, timeout (counts as killed), survived, no-compile, equivalent.
 score = killed / (killed + survived); no-compile and equivalent are left out.
 The lines go to the terminal and to build/mutants/report.txt.
 
-tests/equivalent-mutants.md: one Markdown list item per mutant that no test
-can tell from the original, as the runner prints it for each survivor:
-  - FILE | OP | ORIGINAL LINE -> MUTATED LINE | why it is equivalent
-where the lines are stripped and free of trailing comments, and " #K" follows
-the mutated line for the K-th identical mutant in the same file (K >= 2).
+tests/equivalent-mutants.md: one Markdown list item per mutant that no test can
+tell from the original, copied from the line printed under each survivor:
+  - FILE | OP | ORIGINAL -> MUTATED | why no test can tell them apart
+ORIGINAL and MUTATED are the line stripped of indentation and trailing comment
+(for a deleted call, the whole statement on one line, and {}). When the same
+change recurs in the file, " @ FUNCTION" follows, and " #K" when it recurs
+within that function too. No line numbers: entries survive unrelated edits.
 Listed mutants still run; a listed survivor is reported 'equivalent'.
-Identifiers carry no line numbers, so they survive unrelated edits.
 """
 import argparse
 import fnmatch
@@ -42,6 +49,7 @@ import json
 import os
 import random
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -65,7 +73,7 @@ def git(*args, **kw):
 
 
 def listed_files():
-    return git("ls-files", "-co", "--exclude-standard", "-z").decode().split("\0")[:-1]
+    return [os.fsdecode(f) for f in git("ls-files", "-co", "--exclude-standard", "-z").split(b"\0")[:-1]]
 
 
 # ---- the test/code line counts, as the before-stop hook makes them
@@ -135,23 +143,25 @@ def close_paren(masked, i):
 
 
 def block_kinds(masked):
-    """The kind of the innermost block at the start of each line: file, record, code, other."""
-    kinds, stack, prefix = [], ["file"], ""
+    """For each line start: the innermost block's kind (file, record, code, other) and the
+    function it is in."""
+    kinds, stack, prefix = [], [("file", "")], ""
     for ln in masked.split("\n"):
         kinds.append(stack[-1])
         for c in ln + " ":
             if c == "{":
-                p = prefix.strip()
+                p, func = prefix.strip(), stack[-1][1]
                 if re.search(r"\b(struct|union|class)\b", p) and not re.search(r"[=(]", p):
-                    stack.append("record")
+                    stack.append(("record", func))
                 elif re.search(r"(^|\)|\belse|\bdo|\btry|:)(\s*(const|noexcept|override))*$", p):
-                    stack.append("code")
+                    name = re.search(r"([A-Za-z_][\w:~]*)\s*\(", p)
+                    stack.append(("code", func or (name.group(1) if name else "")))
                 else:
-                    stack.append("other")
+                    stack.append(("other", func))
             elif c == "}" and len(stack) > 1:
                 stack.pop()
             prefix = "" if c in "{};" else prefix + c
-    return kinds
+    return [k for k, _ in kinds], [f for _, f in kinds]
 
 
 # ---- operators: each yields (start, end, replacement) offsets into the line
@@ -242,7 +252,7 @@ def code_part(line, masked_line):
 def mutants_of(path, text):
     masked, found, seen = mask(text), [], set()
     lines, mlines = text.split("\n"), masked.split("\n")
-    kinds = block_kinds(masked)
+    kinds, funcs = block_kinds(masked)
     offset = 0
     for idx, (ln, mln) in enumerate(zip(lines, mlines)):
         for op, fn in LINE_OPS:
@@ -254,17 +264,34 @@ def mutants_of(path, text):
                 seen.add(key)
                 mmasked = mln[:s] + new + mln[e:]
                 found.append(dict(path=path, line=idx + 1, op=op, start=offset + s, end=offset + e,
-                                  new=new, orig=code_part(ln, mln), mut=code_part(mutated, mmasked)))
+                                  new=new, orig=code_part(ln, mln), mut=code_part(mutated, mmasked),
+                                  func=funcs[idx]))
         offset += len(ln) + 1
     for idx, s, e in call_statements(masked, kinds):
         found.append(dict(path=path, line=idx + 1, op="call", start=s, end=e, new="{}",
-                          orig=" ".join(text[s:e].split()), mut="{}"))
+                          orig=" ".join(text[s:e].split()), mut="{}", func=funcs[idx]))
     found.sort(key=lambda m: (m["start"], m["op"]))
-    counts = {}
+    return name_mutants(found)
+
+
+def name_mutants(found):
+    """Identifiers without line numbers: a change that recurs in the file is qualified by
+    its function, then numbered within that function."""
+    def base(m):
+        return f"{m['path']} | {m['op']} | {m['orig']} -> {m['mut']}"
+    in_file, in_func = {}, {}
     for m in found:
-        base = f"{m['path']} | {m['op']} | {m['orig']} -> {m['mut']}"
-        counts[base] = counts.get(base, 0) + 1
-        m["id"] = base if counts[base] == 1 else f"{base} #{counts[base]}"
+        in_file[base(m)] = in_file.get(base(m), 0) + 1
+    for m in found:
+        m["id"] = base(m)
+        if in_file[m["id"]] > 1:
+            m["id"] += f" @ {m['func'] or 'file scope'}"
+            in_func[m["id"]] = in_func.get(m["id"], 0) + 1
+    seen = {}
+    for m in found:
+        if in_func.get(m["id"], 1) > 1:
+            seen[m["id"]] = seen.get(m["id"], 0) + 1
+            m["id"] += f" #{seen[m['id']]}"
     return found
 
 
@@ -275,12 +302,17 @@ def all_mutants(files, patterns):
             continue
         if patterns and not any(fnmatch.fnmatch(path, p) or p in path for p in patterns):
             continue
-        result += mutants_of(path, files[path].decode())
+        result += mutants_of(path, files[path].decode(errors="surrogateescape"))
     return result
 
 
-def short(text, width=70):
-    return text if len(text) <= width else text[:width - 1] + "…"
+def clip_pair(orig, mut, width=70):
+    """Both texts cut to `width` characters around the first place they differ."""
+    k = next((i for i, (a, b) in enumerate(zip(orig, mut)) if a != b), min(len(orig), len(mut)))
+    start = max(0, k - width // 3) if max(len(orig), len(mut)) > width else 0
+    def cut(t):
+        return ("…" if start else "") + t[start:start + width] + ("…" if start + width < len(t) else "")
+    return cut(orig), cut(mut)
 
 
 # ---- the scratch tree
@@ -313,8 +345,8 @@ def sync_tree(files):
 
 def build(targets):
     if not (BUILD / "CMakeCache.txt").is_file():
-        gen = ["-G", "Ninja"] if subprocess.run(["sh", "-c", "command -v ninja"],
-                                                capture_output=True).returncode == 0 else []
+        # Ninja checks a built tree faster than make; no -g makes compiling and linking faster.
+        gen = ["-G", "Ninja"] if shutil.which("ninja") else []
         subprocess.run(["cmake", "-S", TREE, "-B", BUILD, *gen, "-DCMAKE_BUILD_TYPE=Debug",
                         "-DZEBUSR_BUILD_BENCH=OFF", "-DCMAKE_CXX_FLAGS_DEBUG=-O0"],
                        check=True, capture_output=True)
@@ -379,7 +411,7 @@ def baseline():
     targets = test_targets()
     ok, log = build([name for _, name in targets])
     if not ok:
-        sys.exit("the unmutated tree does not build:\n" + log[-3000:])
+        sys.exit(log[-3000:] + "\nthe unmutated tree does not build (--ref HEAD tests the last commit)")
     suites = {}
     for e2e, name in targets:
         exe, t0 = find_exe(name), time.monotonic()
@@ -404,10 +436,10 @@ def order_suites(path, suites, history):
 def try_mutant(m, files, suites, history):
     """Applies, builds and tests one mutant in the tree; always restores the file."""
     dst, data = TREE / m["path"], files[m["path"]]
-    text = data.decode()
+    text = data.decode(errors="surrogateescape")
     timing = {"build": 0.0, "test": 0.0}
     try:
-        dst.write_text(text[:m["start"]] + m["new"] + text[m["end"]:])
+        dst.write_bytes((text[:m["start"]] + m["new"] + text[m["end"]:]).encode(errors="surrogateescape"))
         for name in order_suites(m["path"], suites, history):
             exe, took, e2e = suites[name]
             t0 = time.monotonic()
@@ -419,7 +451,8 @@ def try_mutant(m, files, suites, history):
             verdict = run_exe(exe, max(15.0, 4 * took), 2 if e2e else 1)
             timing["test"] += time.monotonic() - t0
             if verdict != "pass":
-                history.setdefault(m["path"], {})[name] = history.get(m["path"], {}).get(name, 0) + 1
+                kills = history.setdefault(m["path"], {})
+                kills[name] = kills.get(name, 0) + 1
                 return ("killed" if verdict == "fail" else "timeout"), name, timing
         return "survived", "", timing
     finally:
@@ -438,7 +471,7 @@ def is_listed(mid, listed):
     return any(entry == mid or entry.startswith(mid + " | ") for entry in listed)
 
 
-def run(mutants, files, args):
+def run(mutants, files):
     OUT.mkdir(parents=True, exist_ok=True)
     report = open(OUT / "report.txt", "w")
     def say(line):
@@ -458,13 +491,15 @@ def run(mutants, files, args):
         result, by, timing = try_mutant(m, files, suites, history)
         for k in totals:
             totals[k] += timing[k]
-        if result == "survived" and is_listed(m["id"], listed):
-            result = "equivalent"
+        note = ""
+        if is_listed(m["id"], listed):
+            result, note = ("equivalent", "") if result == "survived" else (result, " (listed as equivalent)")
         tally[result] = tally.get(result, 0) + 1
         where = f"{m['path']}:{m['line']}"
-        say(f"{result:<10} {where:<34} {m['op']:<5} {short(m['orig'])} -> {short(m['mut'])}"
+        orig, mut = clip_pair(m["orig"], m["mut"])
+        say(f"{result:<10} {where:<34} {m['op']:<5} {orig} -> {mut}"
             + (f"  [{by}]" if by and result != "no-compile" else "")
-            + f"  ({timing['build']:.0f}s+{timing['test']:.0f}s)")
+            + f"  ({timing['build']:.0f}s+{timing['test']:.0f}s){note}")
         if result == "survived":
             say(f"    - {m['id']} | <why it is equivalent>")
     hist_file.write_text(json.dumps(history, indent=1, sort_keys=True))
@@ -517,7 +552,7 @@ def main():
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     signal.signal(signal.SIGHUP, lambda *_: sys.exit(129))
-    return run(mutants, files, args)
+    return run(mutants, files)
 
 
 if __name__ == "__main__":
