@@ -19,17 +19,20 @@ daemon=$(sed -n 's/^daemon pid //p' "$out/scenario.txt")
 # The daemon writes a line as prefix, text and newline without a lock, so two
 # threads' lines can interleave: each prefix starts a line again, and a text
 # that lost its prefix goes back to the last prefix still without one.
-log() {
-    sed -E 's/ ?[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6} +([a-z_0-9]+)\(\): *[0-9]+ \((HIGH|ERR|MED|LOW)\): /\n\1 (\2): /g' \
+raw() {
+    sed -E 's/ ?([0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6}) +([a-z_0-9]+)\(\): *[0-9]+ \((HIGH|ERR|MED|LOW)\): /\n\1 \2 (\3): /g' \
         "$out/zebusr_log.txt" |
-        awk '/^[a-z_0-9]+ \((HIGH|ERR|MED|LOW)\): / { text[NR] = $0; if (/\): $/) bare[++n] = NR; next }
+        awk '/^[0-9:.]+ [a-z_0-9]+ \((HIGH|ERR|MED|LOW)\): / { text[NR] = $0; if (/\): $/) bare[++n] = NR; next }
              /^$/ { next }
              n { text[bare[n]] = text[bare[n]] $0; n--; next }
              { text[NR] = $0 }
-             END { for (i = 1; i <= NR; i++) if (i in text) print text[i] }' |
-        sed -E -e 's/(fd|skfd) = [0-9]+/\1 = FD/; s/seq_num( =)? [0-9]+/seq_num\1 N/' \
-            -e "s/Family id = $zeb1( |$)/Family id = ZEB1\1/; s/Family id = $zeb2( |$)/Family id = ZEB2\1/" \
-            -e "s/Family id = $core1$/Family id = CORE1/"
+             END { for (i = 1; i <= NR; i++) if (i in text) print text[i] }'
+}
+
+log() {
+    raw | sed -E -e 's/^[0-9:.]+ //; s/(fd|skfd) = [0-9]+/\1 = FD/; s/seq_num( =)? [0-9]+/seq_num\1 N/' \
+        -e "s/Family id = $zeb1( |$)/Family id = ZEB1\1/; s/Family id = $zeb2( |$)/Family id = ZEB2\1/" \
+        -e "s/Family id = $core1$/Family id = CORE1/"
 }
 
 # The evaluation thread's connections, from start to the exit handler.
@@ -83,6 +86,32 @@ view_requests() {
     uniq "$out/.core-requests"
 }
 
+# The daemon's own pauses, measured on its log's clock: whole seconds when
+# the wait lasted that long and less than one second more.
+view_timing() {
+    raw | awk '
+        function t(line, a) { split(substr(line, 1, 15), a, ":"); return a[1] * 3600 + a[2] * 60 + a[3] }
+        function span(what, secs, from, to, d) {
+            d = t(to) - t(from)
+            printf "%s: %s\n", what, (from != "" && to != "" && d >= secs && d < secs + 0.9) ? secs " s" : d " s"
+        }
+        / zebusr_sig_handler \(HIGH\): Signal Handler Invoked!$/ { exit }
+        / zebusr_connect_to_dulox_zeb \(MED\): zebusr_genl_init_sock failed$/ { zfail[++nz] = $0 }
+        / zebusr_connect_loop \(LOW\): zebusr_connect_to_dulox_zeb failed on attempt 0$/ { zretry[++nr] = $0 }
+        / duloxusr_connect_to_dulox_core \(MED\): zebusr_genl_init_sock failed$/ && !cfail { cfail = $0 }
+        / duloxusr_connect_to_dulox_core \(MED\): zebusr_genl_open_sock complete/ && cfail && !cretry { cretry = $0 }
+        / zebusr_sync \(LOW\): ########## SYNC START/ { sync = $0 }
+        / zebusr_netlink_msg_recv \(MED\): recv error - len_recv < 0$/ && nz { waited = sync; timeout = $0 }
+        / dulox_freq_boost_monitor \(LOW\): Evaluating/ { eval[++ne] = $0 }
+        END {
+            span("pause after a refused lookup", 3, zfail[1], zretry[1])
+            span("pause of the boost thread after a refused lookup", 3, cfail, cretry)
+            span("wait for an unanswered sync", 3, waited, timeout)
+            span("pause after a refused lookup once the module is gone", 3, zfail[2], zretry[2])
+            span("boost evaluation period", 1, eval[1], eval[2])
+        }'
+}
+
 view_csv() {
     sed -E 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6},[0-9]+,/TIME,SEQ,/' "$out/zebusr_caps.csv" | uniq
 }
@@ -90,9 +119,10 @@ view_csv() {
 view_outcome() {
     sed -E 's/^[0-9.]+ //' "$out/scenario.txt" | grep -v '^daemon pid'
     [ "$zeb2" != "$zeb1" ] && [ "$core2" != "$core1" ] && echo "families registered again under new ids"
+    echo "kernel warnings: $(grep -cE 'WARNING:|BUG:|Oops|Call Trace' "$out/dmesg.txt")"
 }
 
-cases=(connection boost decisions requests csv outcome)
+cases=(connection boost decisions requests timing csv outcome)
 if [ "${2:-}" = --show ]; then
     for c in "${cases[@]}"; do echo "=== $c"; "view_$c"; done
     exit 0

@@ -48,7 +48,7 @@ rc=0
 timeout -k 5 "$boot_timeout" nice -n 10 qemu-system-x86_64 -accel tcg -m 256 -smp 1 \
     -nographic -monitor none -no-reboot \
     -kernel "$kernel" -initrd "$work/initramfs.gz" \
-    -append "console=ttyS0 panic=-1 quiet" \
+    -append "console=ttyS0 panic=-1 loglevel=5" \
     -serial "file:$out/console.txt" -serial "file:$out/serial1.txt" </dev/null || rc=$?
 echo "--- guest ran $(($(date +%s) - start))s (qemu status $rc)"
 
