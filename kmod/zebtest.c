@@ -277,22 +277,19 @@ static bool zt_all_zero(const void *p, size_t n)
 
 static int zt_core_doit(struct sk_buff *skb, struct genl_info *info)
 {
-	static struct zt_pid_bps answer;
 	char line[640];
-	int n;
+	int n, err;
 
 	mutex_lock(&zt_lock);
 	n = zt_head(line, sizeof(line), info->genlhdr->cmd == ZT_CMD_PID_BPS ? "pid_bps" : "boost", info);
 	if (info->genlhdr->cmd == ZT_CMD_PID_BPS) {
 		const struct nlattr *a = info->attrs[ZT_ATTR_A];
 
-		answer = zt_procs;
 		zt_note("%s zero=%d => list_len=%u valid=%u", line,
-			a && zt_all_zero(nla_data(a), nla_len(a)), answer.list_len, answer.valid);
+			a && zt_all_zero(nla_data(a), nla_len(a)), zt_procs.list_len, zt_procs.valid);
+		err = a ? zt_reply(info, &zt_core_family, &zt_procs, sizeof(zt_procs)) : -EINVAL;
 		mutex_unlock(&zt_lock);
-		if (!a)
-			return -EINVAL;
-		return zt_reply(info, &zt_core_family, &answer, sizeof(answer));
+		return err;
 	}
 	if (info->attrs[ZT_ATTR_B]) {
 		struct zt_pid_boost b;
