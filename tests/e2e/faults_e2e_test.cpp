@@ -48,6 +48,9 @@ const Fault kFaults[] = {
     {"malformed-throughput", "(ERR): netlink failed to send to fd", 1, "boost", 8},
     // Each failed core lookup closes the steering socket under the other
     // thread: how many reconnections that costs depends on timing.
+    // Found on the fifth attempt; each failed lookup closes the steering socket.
+    {"family-absent-attempts", "duloxusr_connect_to_dulox_core COMPLETE on attempt 4", 0,
+     "pid_bps_query", 13},
     {"core-absent", "Dulox Core Driver Thread Exited -dulox_core driver did not respond", 0, "sync",
      90},
 };

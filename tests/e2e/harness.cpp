@@ -1,7 +1,5 @@
 #include "harness.hpp"
 
-#include "log_check.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +9,8 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+
+#include "log_check.h"
 
 namespace e2e {
 
@@ -97,13 +97,6 @@ std::string Daemon::log() const {
     return read_file(session_->paths().log());
 }
 
-std::vector<std::string> Daemon::csv() const {
-    std::vector<std::string> lines;
-    std::istringstream in(read_file(session_->paths().csv()));
-    for (std::string l; std::getline(in, l);) lines.push_back(l);
-    return lines;
-}
-
 std::vector<Json> Daemon::transcript() const {
     std::lock_guard lock(records_->mu);
     return records_->all;
@@ -122,16 +115,6 @@ std::vector<Exchange> Daemon::answers(const std::string &kind) const {
             out.push_back({asked[n], r});
     }
     return out;
-}
-
-size_t Daemon::sleeps(unsigned seconds) const {
-    std::istringstream in(read_file(session_->paths().preload()));
-    size_t n = 0;
-    for (std::string l; std::getline(in, l);) {
-        auto r = Json::parse(l, nullptr, false);
-        n += !r.is_discarded() && r.value("call", "") == "sleep" && r["seconds"] == seconds;
-    }
-    return n;
 }
 
 std::string Daemon::describe() const {

@@ -42,11 +42,9 @@ class Daemon {
 
     // The log as written: a message stays whole even where two threads' lines mix.
     std::string log() const;
-    std::vector<std::string> csv() const;
     std::vector<Json> transcript() const;
     std::vector<Exchange> answers(const std::string &kind) const;
-    size_t sleeps(unsigned seconds) const;  // sleep() calls asked for, unscaled
-    std::string describe() const;           // for failure messages
+    std::string describe() const;  // for failure messages
 
    private:
     struct Records;

@@ -1,8 +1,7 @@
-// How the daemon starts and ends (arguments, stop signals, threads that cannot
-// start, tables that cannot be mapped) and the run-time logging signals.
+// How the daemon starts and ends: arguments, stop signals, threads that
+// cannot start, tables that cannot be mapped.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -88,49 +87,5 @@ const char *const kEndNames[] = {
 
 INSTANTIATE_TEST_SUITE_P(Cases, ProcessEnd, ::testing::ValuesIn(kEnds),
                          [](const auto &info) { return std::string(kEndNames[info.index]); });
-
-// SIGUSR1: verbose lines and a CSV row per cycle, by CPU number; SIGUSR2:
-// neither; SIGUSR1 again: the file starts over.
-TEST(LoggingSignals, SwitchVerboseLinesAndTheCsvCapture) {
-    // Spare capacity 20000 + 10000 x CPU, listed in reverse: a row by table
-    // position would show.
-    Daemon run(R"({"name": "csv", "cap_table_order": [7, 6, 5, 4, 3, 2, 1, 0], "cpus": [
-        {"cpu": 0, "max_pps": 20000}, {"cpu": 1, "max_pps": 30000}, {"cpu": 2, "max_pps": 40000},
-        {"cpu": 3, "max_pps": 50000}, {"cpu": 4, "max_pps": 60000}, {"cpu": 5, "max_pps": 70000},
-        {"cpu": 6, "max_pps": 80000}, {"cpu": 7, "max_pps": 90000}]})");
-    ASSERT_NO_FATAL_FAILURE(connected(run));
-    auto syncs = [&](size_t more) {
-        size_t n = run.answers("sync").size() + more;
-        return run.wait_answer("sync", {}, n);
-    };
-    EXPECT_TRUE(run.csv().empty());
-    EXPECT_EQ(detail_lines(run.log()), 0u);
-
-    run.signal(SIGUSR1);
-    ASSERT_TRUE(run.wait_until([&] { return run.csv().size() >= 4; })) << run.describe();
-    auto rows = run.csv();
-    EXPECT_EQ(rows[0], "time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7");
-    static const std::regex row(
-        R"(\d\d:\d\d:\d\d\.\d{6},\d+,20000,30000,40000,50000,60000,70000,80000,90000)");
-    EXPECT_TRUE(std::regex_match(rows[1], row)) << rows[1];
-    EXPECT_GT(detail_lines(run.log()), 0u);
-
-    run.signal(SIGUSR2);
-    ASSERT_TRUE(run.wait_log("Stopping verbose logging") && syncs(2));
-    const size_t csv_rows = run.csv().size(), details = detail_lines(run.log());
-    ASSERT_TRUE(syncs(5));
-    EXPECT_EQ(run.csv().size(), csv_rows);
-    EXPECT_EQ(detail_lines(run.log()), details);
-
-    const long last = std::stol(run.csv().back().substr(16));
-    run.signal(SIGUSR1);
-    ASSERT_TRUE(run.wait_log("CSV File opened", 2) &&
-                run.wait_until([&] { return run.csv().size() >= 3; }));
-    rows = run.csv();
-    EXPECT_EQ(rows[0].substr(0, 5), "time,");
-    for (size_t i = 1; i < rows.size(); i++)
-        EXPECT_GT(std::stol(rows[i].substr(16)), last) << rows[i];
-    run.stop();
-}
 
 }  // namespace

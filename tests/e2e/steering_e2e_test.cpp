@@ -16,22 +16,6 @@ using e2e::Daemon;
 using e2e::missing_in_order;
 using Strings = std::vector<std::string>;
 
-std::vector<int> zeb_conns(const Daemon &run) {
-    std::vector<int> out;
-    for (const auto &[in, out_] : run.answers("family_lookup"))
-        if (in["family"] == "DULOX_ZEB")
-            out.push_back(in["conn"].get<int>());
-    return out;
-}
-
-std::set<int> closed_conns(const Daemon &run) {
-    std::set<int> out;
-    for (const auto &r : run.transcript())
-        if (r.value("kind", "") == "disconnect")
-            out.insert(r["conn"].get<int>());
-    return out;
-}
-
 // Suggestions and segmentation requests as "<what> at <tick of the cycle's sync
 // reply>", in order; a refusal is marked.
 Strings decisions(const Daemon &run) {
@@ -107,75 +91,6 @@ TEST(Steering, DefaultScenarioDecidesOnceEachInPolicyOrder) {
     for (const auto &[in, out] : run.answers("boost"))
         for (const auto &e : in["entries"]) boosted.insert(e["pid"].get<uint32_t>());
     EXPECT_EQ(boosted, (std::set<uint32_t>{999, 4242}));
-}
-
-struct Retry {
-    const char *scenario;
-    Strings failure;  // one failed attempt, in order
-};
-
-void PrintTo(const Retry &r, std::ostream *os) {
-    *os << r.scenario;
-}
-
-class ConnectRetry : public ::testing::TestWithParam<Retry> {};
-
-// Each failed attempt undoes itself and pauses 3 s; the loop never gives up.
-TEST_P(ConnectRetry, UndoesEachAttemptPausesAndCountsThem) {
-    Daemon run(GetParam().scenario, {"-v"});
-    ASSERT_TRUE(run.wait_log("CONNECTED to dulox_zeb.ko")) << run.describe();
-    const std::string log = run.log();
-    const auto conns = zeb_conns(run);
-    const auto closed = closed_conns(run);
-    run.stop();
-
-    const size_t failed = count(log, GetParam().failure[0]);
-    ASSERT_GE(failed, 2u);
-    Strings want;
-    for (size_t i = 0; i < failed; i++) {
-        want.insert(want.end(), GetParam().failure.begin(), GetParam().failure.end());
-        want.push_back("zebusr_connect_to_dulox_zeb failed on attempt " + std::to_string(i));
-    }
-    want.push_back("zebusr_connect_to_dulox_zeb COMPLETE on attempt " + std::to_string(failed));
-    EXPECT_EQ(missing_in_order(log, want), "");
-    EXPECT_EQ(run.sleeps(3), failed);
-    ASSERT_EQ(conns.size(), failed + 1);
-    for (size_t i = 0; i < conns.size(); i++)
-        EXPECT_EQ(closed.count(conns[i]), size_t(i < failed)) << "attempt " << i;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, ConnectRetry,
-    ::testing::Values(Retry{"faults/family-absent-until-time.json",
-                            {"netlink received msg error for family resp",
-                             "zebusr_genl_init_sock failed"}},
-                      Retry{"faults/table-absent.json",
-                            {"open: No such file or directory", "init ssflow file failed",
-                             "closing cap file", "closing gflow file"}}),
-    [](const auto &info) { return info.index == 0 ? "FamilyAbsent" : "SlowStartTableAbsent"; });
-
-// A sync answered -1 reconnects on a fresh socket and fresh table files; the
-// old ones stay open, and a connection whose own sync fails retries at once.
-TEST(Steering, SyncAnsweredMinusOneReconnects) {
-    Daemon run("faults/sync-minus-one.json", {"-v"});
-    ASSERT_TRUE(run.wait_answer("sync", [](auto &in, auto &) { return in["t"] > 7.5; }))
-        << run.describe();
-    const std::string log = run.log();
-    const auto conns = zeb_conns(run);
-    const auto closed = closed_conns(run);
-    run.stop();
-
-    EXPECT_EQ(count(log, "sync failed, attempting to reconnect"), 1u);
-    // How many attempts fall inside the window depends on the machine's speed;
-    // each one in it fails at its own sync, closes its socket and is not paused.
-    ASSERT_GE(conns.size(), 2u);
-    EXPECT_EQ(count(log, "zebusr_sync failed"), conns.size() - 2);
-    for (size_t i = 0; i < conns.size(); i++)
-        EXPECT_EQ(closed.count(conns[i]), size_t(i > 0 && i + 1 < conns.size()))
-            << "connection " << i;
-    EXPECT_EQ(run.sleeps(3), 0u);
-    EXPECT_EQ(count(log, "open pathname = /proc/zeb/dulox_zeb_caps"), 2u);
-    EXPECT_EQ(count(log, "closing cap file"), 0u);
 }
 
 }  // namespace

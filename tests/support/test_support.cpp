@@ -324,7 +324,17 @@ extern "C" int open(const char *path, int flags, ...) {
         errno = ENOENT;
         return -1;
     }
-    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, zt::redirect(path).c_str(), flags, mode));
+    int fd =
+        static_cast<int>(syscall(SYS_openat, AT_FDCWD, zt::redirect(path).c_str(), flags, mode));
+    // A table file's open is an event, with its flags when they are not the usual.
+    const char *tables[][2] = {{"caps", "/proc/zeb/dulox_zeb_caps"},
+                               {"gflows", "/proc/zeb/dulox_zeb_flows"},
+                               {"ssflows", "/proc/zeb/dulox_zeb_ss_flows"}};
+    for (auto &t : tables)
+        if (fd >= 0 && strcmp(path, t[1]) == 0)
+            zt::note(std::string("open ") + t[0] +
+                     (flags == (O_RDWR | O_SYNC) ? "" : " other flags"));
+    return fd;
 }
 
 extern "C" FILE *fopen(const char *path, const char *mode) {

@@ -158,6 +158,7 @@ class Steering : public ::testing::Test {
         zebusr_init_gflow_file();
         zebusr_init_ssflow_file();
         log.clear();
+        zt::events();
     }
     zt::LogCapture log{true};
     zt::FakeKernel kernel{&sk_fd};
@@ -177,39 +178,6 @@ const Table kTables[] = {
     {"ssflow", "dulox_zeb_ss_flows", &ssflow_fd, zebusr_init_ssflow_file, zebusr_deinit_ssflow_file,
      zebusr_munmap_ssflows, [](void *p) { ssflow_list = static_cast<zebusr_flow_table *>(p); }},
 };
-
-TEST_F(Steering, TableFilesOpenCloseAndUnmap) {
-    for (const Table &t : kTables) {
-        SCOPED_TRACE(t.word);
-        const std::string word = t.word, path = std::string("/proc/zeb/") + t.file;
-        cap_fd = gflow_fd = ssflow_fd = -100;
-        cap_list = nullptr;
-        gflow_list = ssflow_list = nullptr;
-        zt::write_table(t.file, {});
-        zt::fail_open({t.file});
-        EXPECT_EQ(t.init(), -1);
-        EXPECT_LT(*t.fd, 0);
-        EXPECT_EQ(t.deinit(), 0);  // given the negative descriptor, harmlessly
-        ASSERT_EQ(t.init(), 0);
-        int fd = *t.fd;
-        EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_SYNC), O_RDWR | O_SYNC);
-        EXPECT_EQ(t.deinit(), 0);
-        EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-        EXPECT_EQ(*t.fd, fd);  // kept after closing
-        void *page = mmap(nullptr, page_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        t.set_mapping(page);
-        EXPECT_EQ(t.unmap(), 0);
-        EXPECT_EQ(msync(page, page_size, MS_ASYNC), -1);  // gone
-        EXPECT_EQ(zt::events(),
-                  (Lines{"close " + word + "s", "close " + word + "s", "munmap " + word + "s"}));
-        EXPECT_EQ(log.messages(),
-                  "open pathname = " + path + "\nopen: No such file or directory\n" + "closing " +
-                      word + " file\nopen pathname = " + path + "\n" + word +
-                      "_fd = " + std::to_string(fd) + " page size = " + std::to_string(page_size) +
-                      "\nclosing " + word + " file\n");
-        log.clear();
-    }
-}
 
 // In the order caps, gold flows, slow-start flows; a failure ends the process
 // at once with status 0, the rest left mapped and the file left open.
@@ -274,77 +242,50 @@ TEST_F(Steering, CapacitiesAreLoggedInTableOrderAndCapturedByCpu) {
     EXPECT_FALSE(std::getline(csv, more));
 }
 
-// CPU 8 is checked only in verbose mode: then it ends the call before the
-// policy and the CSV row; quiet, it reaches the policy, which sends.
-TEST_F(Steering, CapacityCpuEightIsNoticedOnlyWhenVerbose) {
-    tables(zt::cap_table(zt::pps({I, 10, I, I, I, I, I, I}, {0, 1, 2, 3, 4, 5, 8, 7})),
+// The result follows the policy. CPU 8 is checked only in verbose mode:
+// there it ends the call before the policy and the CSV row; quiet, it
+// reaches the policy, which reads `cpu` itself.
+TEST_F(Steering, CapacityResultAndTheVerboseOnlyCpuCheck) {
+    tables(zt::cap_table(zt::pps({I, 10, I, I, I, I, 1, I}, {0, 1, 2, 3, 4, 5, 8, 7})),
            zt::flow_table({}));
     csv_log_enabled = 1;
     EXPECT_EQ(zebusr_read_capacities(), -1);
     EXPECT_EQ(last_line(log.messages()), "invalid cpu number, check contents of shared memory\n");
+    for (int32_t code : {0, 5, -1, -2, 1}) kernel.queue_code(code);
     verbose_log_enabled = 0;
-    kernel.queue_code(0);
     EXPECT_EQ(zebusr_read_capacities(), 0);
-    csv_log_enabled = 0;
-    EXPECT_EQ(zt::events(), (Lines{"mmap caps", "mmap caps", "send sugg 1 1>4"}));
-    EXPECT_EQ(last_line(log.messages()), "  ZEB_SUGG_UP: Move successful\n");
-}
-
-TEST_F(Steering, CapacityResultFollowsThePolicy) {
-    tables(zt::cap_table(zt::pps({10, I, I, I, I, I, I, I})), zt::flow_table({}));
-    kernel.queue_code(0);
-    EXPECT_EQ(zebusr_read_capacities(), 0);
-    EXPECT_EQ(last_line(log.messages()), "dulox_zeb_wq_move_loaded_silver_cpu_to_gold done!\n");
-    for (int32_t code : {5, -1, -2, 1}) kernel.queue_code(code);
+    verbose_log_enabled = 1;
+    zt::write_table("dulox_zeb_caps", zt::cap_table(zt::pps({I, 10, I, I, I, I, I, I})));
     EXPECT_EQ(zebusr_read_capacities(), -1);
+    csv_log_enabled = 0;
+    EXPECT_EQ(zt::events(),
+              (Lines{"mmap caps", "mmap caps", "send sugg 1 1>4", "mmap caps", "send sugg 1 1>4",
+                     "send sugg 1 1>5", "send sugg 1 1>6", "send sugg 1 1>7"}));
     EXPECT_EQ(last_line(log.messages()), "  No Flows Move up to gold\n");
+    EXPECT_EQ(zt::count(log.messages(), "dulox_zeb_wq_move_loaded_silver_cpu_to_gold done!"), 0u);
 }
 
-// The walk only logs, to 128 entries or a zero hash; both policies run after
-// it, balancing only when nothing moved down. Silver CPU 0 has room for
+// Balancing runs only when nothing moved down: silver CPU 0 has room for
 // 70000, gold CPU 5 for a balance.
-TEST_F(Steering, GoldFlowsAreWalkedThenMovedDownBeforeBalanced) {
-    const Bytes caps = zt::cap_table(zt::avg({90000, 0, 0, 0, 0, 900000, 0, 0}));
-    std::vector<Flow> zero_at_5, many;
-    for (uint32_t i = 0; i < 10; i++) zero_at_5.push_back({i == 5 ? 0 : 0xf0 + i, 4, 0, 1000 + i});
-    for (uint32_t i = 0; i < 128; i++) many.push_back({0x100 + i, 4, 0});
-    struct Case {
-        Bytes flows;
-        std::vector<int32_t> codes;
-        Lines events;
-        std::string walk;  // what the reader itself logs
-    } cases[] = {
-        {zt::flow_table({{0xa1, 4, 100}}, 0),
-         {},
-         {},
-         "################## GOLD FLOW FILE CONTENTS #################\n  num gold flows = 0\n"
-         "No gold flows were moved\n"},
-        {zt::flow_table(zero_at_5), {}, {}, ""},
-        {zt::flow_table(many, 200), {}, {}, ""},
-        {zt::flow_table({{0xa1, 4, 100}, {0xa2, 4, 100}}),
-         {0},
-         {"send sugg 2 4>0"},
-         "################## GOLD FLOW FILE CONTENTS #################\n  num gold flows = 2\n"
-         "  ZEB_MMAP: > flow 0xa1 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
-         "  ZEB_MMAP: > flow 0xa2 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
-         "dulox_zeb_wq_move_gold_flow_down_to_silver done!\n"},
-        {zt::flow_table({{0xa1, 4, 100}, {0xa2, 4, 100}}),
-         {1, 1, 0},
-         {"send sugg 2 4>0", "send sugg 2 4>0", "send sugg 3 4>5"},
-         ""},
-    };
-    for (const auto &c : cases) {
-        tables(caps, c.flows);
-        for (int32_t code : c.codes) kernel.queue_code(code);
-        cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
-        zt::events();
-        EXPECT_EQ(zebusr_read_gold_flows(), 0);
-        Lines want = c.events;
-        want.insert(want.begin(), "mmap gflows");
-        EXPECT_EQ(zt::events(), want);
-        if (!c.walk.empty())
-            EXPECT_EQ(log.messages("zebusr_read_gold_flows"), c.walk);
-    }
+TEST_F(Steering, GoldFlowsMoveDownBeforeTheyBalance) {
+    tables(zt::cap_table(zt::avg({90000, 0, 0, 0, 0, 900000, 0, 0})),
+           zt::flow_table({{0xa1, 4, 100}, {0xa2, 4, 100}}));
+    cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
+    for (int32_t code : {0, 1, 1, 0}) kernel.queue_code(code);
+    EXPECT_EQ(zebusr_read_gold_flows(), 0);
+    EXPECT_EQ(zebusr_read_gold_flows(), 0);
+    EXPECT_EQ(zt::events(), (Lines{"mmap caps", "mmap gflows", "send sugg 2 4>0", "mmap gflows",
+                                   "send sugg 2 4>0", "send sugg 2 4>0", "send sugg 3 4>5"}));
+    const std::string walk = log.messages("zebusr_read_gold_flows");
+    EXPECT_EQ(walk.substr(walk.find("  ZEB_MMAP")),
+              "  ZEB_MMAP: > flow 0xa1 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
+              "  ZEB_MMAP: > flow 0xa2 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
+              "dulox_zeb_wq_move_gold_flow_down_to_silver done!\n"
+              "################## GOLD FLOW FILE CONTENTS #################\n"
+              "  num gold flows = 2\n"
+              "  ZEB_MMAP: > flow 0xa1 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
+              "  ZEB_MMAP: > flow 0xa2 on cpu[4] with rx_pps = 0 | avg pps = 100\n"
+              "dulox_zeb_wq_balance_gold_flows done!\n");
 }
 
 // The walk's stops are logged verbose or not: by the reader, then again by
@@ -420,11 +361,13 @@ TEST_F(Steering, EvaluationLoopConnectsCyclesAndReconnects) {
         ::testing::ExitedWithCode(0), "");
     const Lines attempt = {"socket", "send lookup", "send sync"};
     Lines want = {"sleep 3", "socket", "send lookup", "close socket", "sleep 3"};
-    for (Lines undo : {Lines{"close socket"},
-                       {"close socket", "sleep 3"},
-                       {"close caps", "close socket", "sleep 3"},
-                       {"close caps", "close gflows", "close socket", "sleep 3"},
-                       {}}) {
+    const Lines opened = {"open caps", "open gflows", "open ssflows"};
+    for (Lines undo :
+         {Lines{"close socket"},
+          {"close socket", "sleep 3"},
+          {"open caps", "close caps", "close socket", "sleep 3"},
+          {"open caps", "open gflows", "close caps", "close gflows", "close socket", "sleep 3"},
+          opened}) {
         want.insert(want.end(), attempt.begin(), attempt.end());
         want.insert(want.end(), undo.begin(), undo.end());
     }
@@ -434,50 +377,37 @@ TEST_F(Steering, EvaluationLoopConnectsCyclesAndReconnects) {
                  "mmap caps",       "send sugg 1 2>4", "send sugg 1 2>5", "send sugg 1 2>6",
                  "send sugg 1 2>7", "mmap gflows",     "munmap caps",     "munmap gflows",
                  "munmap ssflows",  "send sync",       "socket",          "send lookup",
-                 "send sync",       "send sync",       "mmap ssflows",    "close ssflows"});
+                 "send sync",       "open caps",       "open gflows",     "open ssflows",
+                 "send sync",       "mmap ssflows",    "close ssflows"});
     EXPECT_EQ(zt::events(), want);
+    // Attempt k logs the steps before the one that fails it.
+    const Lines steps = {"zebusr_genl_open_sock complete: sk_fd = N",
+                         "zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB",
+                         "zebusr_init_cap_file complete", "zebusr_init_gflow_file complete",
+                         "zebusr_init_ssflow_file complete"};
+    const Lines fails = {"zebusr_genl_open_sock failed", "zebusr_genl_init_sock failed",
+                         "zebusr_sync failed",           "init cap file failed",
+                         "init gflow file failed",       "init ssflow file failed"};
+    const std::string connected = steps[0] + "\n" + steps[1] + "\n" + steps[2] + "\n" + steps[3] +
+                                  "\n" + steps[4] + "\nCONNECTED to dulox_zeb.ko\n";
+    std::string text = "ZEB Evaluation Thread Started\n";
+    for (size_t k = 0; k < fails.size(); k++) {
+        for (size_t i = 0; i < (k < 2 ? k : k - 1); i++) text += steps[i] + "\n";
+        text += fails[k] + "\nzebusr_connect_to_dulox_zeb failed on attempt " + std::to_string(k) +
+                "\n";
+    }
+    text += connected +
+            "zebusr_connect_to_dulox_zeb COMPLETE on attempt 6\n"
+            "sync failed, attempting to reconnect\n" +
+            connected + "zebusr_connect_to_dulox_zeb COMPLETE on attempt 0\n";
+    const std::string files = log.messages("zebusr_(de)?init_.*");
+    EXPECT_EQ(zt::count(files, "open: No such file or directory\n"), 3u);
+    EXPECT_EQ(zt::count(files, "closing cap file\n"), 2u);
+    EXPECT_EQ(zt::count(files, "closing gflow file\n"), 1u);
+    EXPECT_EQ(zt::count(files, "page size = " + std::to_string(page_size) + "\n"), 9u);
     EXPECT_EQ(std::regex_replace(log.messages("zebusr_connect.*|zebusr_evaluate"),
                                  std::regex("sk_fd = \\d+"), "sk_fd = N"),
-              R"(ZEB Evaluation Thread Started
-zebusr_genl_open_sock failed
-zebusr_connect_to_dulox_zeb failed on attempt 0
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_genl_init_sock failed
-zebusr_connect_to_dulox_zeb failed on attempt 1
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_sync failed
-zebusr_connect_to_dulox_zeb failed on attempt 2
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
-init cap file failed
-zebusr_connect_to_dulox_zeb failed on attempt 3
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
-zebusr_init_cap_file complete
-init gflow file failed
-zebusr_connect_to_dulox_zeb failed on attempt 4
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
-zebusr_init_cap_file complete
-zebusr_init_gflow_file complete
-init ssflow file failed
-zebusr_connect_to_dulox_zeb failed on attempt 5
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
-zebusr_init_cap_file complete
-zebusr_init_gflow_file complete
-zebusr_init_ssflow_file complete
-CONNECTED to dulox_zeb.ko
-zebusr_connect_to_dulox_zeb COMPLETE on attempt 6
-sync failed, attempting to reconnect
-zebusr_genl_open_sock complete: sk_fd = N
-zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_ZEB
-zebusr_init_cap_file complete
-zebusr_init_gflow_file complete
-zebusr_init_ssflow_file complete
-CONNECTED to dulox_zeb.ko
-zebusr_connect_to_dulox_zeb COMPLETE on attempt 0
-)");
+              text);
 }
 
 }  // namespace
