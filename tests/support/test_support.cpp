@@ -62,28 +62,6 @@ size_t count(const std::string &text, const std::string &needle) {
     return n;
 }
 
-Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type, uint16_t attr_type) {
-    Bytes b;
-    uint32_t nla_len = 4 + static_cast<uint32_t>(payload.size());
-    uint32_t total = 20 + ((nla_len + 3) & ~3U);
-    put_u32(b, 0, total);
-    put_u16(b, 4, type);
-    put_u32(b, 8, seq);
-    put_u8(b, 16, 1);
-    put_u8(b, 17, 1);
-    put_u16(b, 20, static_cast<uint16_t>(nla_len));
-    put_u16(b, 22, attr_type);
-    for (size_t i = 0; i < payload.size(); i++) put_u8(b, 24 + i, payload[i]);
-    b.resize(total);
-    return b;
-}
-
-Bytes int_reply(uint32_t seq, int32_t code) {
-    Bytes p;
-    put_u32(p, 0, static_cast<uint32_t>(code));
-    return reply(seq, p);
-}
-
 // Appends one attribute at `off`, padded to 4; returns the next offset.
 static size_t put_attr(Bytes &b, size_t off, uint16_t type, const Bytes &payload) {
     put_u16(b, off, static_cast<uint16_t>(4 + payload.size()));
@@ -93,12 +71,25 @@ static size_t put_attr(Bytes &b, size_t off, uint16_t type, const Bytes &payload
     return b.size();
 }
 
-Bytes family_reply(uint32_t seq, const char *name, uint16_t id, uint16_t id_type) {
+Bytes reply(uint32_t seq, const Bytes &payload, uint16_t type, uint16_t attr_type) {
     Bytes b(20, 0);
-    put_u16(b, 4, 16);
+    put_u16(b, 4, type);
     put_u32(b, 8, seq);
     put_u8(b, 16, 1);
-    size_t off = put_attr(b, 20, 2, Bytes(name, name + strlen(name) + 1));
+    put_u8(b, 17, 1);
+    put_u32(b, 0, static_cast<uint32_t>(put_attr(b, 20, attr_type, payload)));
+    return b;
+}
+
+Bytes int_reply(uint32_t seq, int32_t code) {
+    Bytes p;
+    put_u32(p, 0, static_cast<uint32_t>(code));
+    return reply(seq, p);
+}
+
+Bytes family_reply(uint32_t seq, const char *name, uint16_t id, uint16_t id_type) {
+    Bytes b = reply(seq, Bytes(name, name + strlen(name) + 1), 16, 2);
+    size_t off = b.size();
     off = put_attr(b, off, id_type, Bytes{static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8)});
     off = put_attr(b, off, 3, Bytes{1, 0, 0, 0});
     put_u32(b, 0, static_cast<uint32_t>(off));
@@ -121,12 +112,8 @@ Bytes request_image(uint32_t len, uint16_t family, uint32_t seq, uint8_t cmd, ui
 }
 
 LogCapture::LogCapture(bool verbose) {
-    char tmpl[] = "/tmp/zebusr-log-XXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd < 0)
-        throw std::runtime_error("mkstemp");
-    close(fd);
-    path_ = tmpl;
+    static int made = 0;
+    path_ = sandbox() + "/log" + std::to_string(made++);
     log_enabled = 1;
     verbose_log_enabled = verbose ? 1 : 0;
     log_fp = fopen(path_.c_str(), "w+");
@@ -262,14 +249,6 @@ Sandbox &the_sandbox() {
     return *s;
 }
 
-// The daemon's two fixed folders, moved under the sandbox; other paths pass.
-std::string redirect(const char *path) {
-    for (const char *prefix : {"/proc/zeb/", "/data/vendor/zebusr/"})
-        if (strncmp(path, prefix, strlen(prefix)) == 0)
-            return the_sandbox().root + path;
-    return path;
-}
-
 }  // namespace
 
 std::string sandbox() {
@@ -300,45 +279,4 @@ Lines events() {
     return out;
 }
 
-static Lines fail_open_matches;
-
-void fail_open(const Lines &matches) {
-    fail_open_matches = matches;
-}
-
 }  // namespace zt
-
-extern "C" unsigned int sleep(unsigned int seconds) {
-    zt::note("sleep " + std::to_string(seconds));
-    return 0;
-}
-
-extern "C" int open(const char *path, int flags, ...) {
-    va_list ap;
-    va_start(ap, flags);
-    mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? static_cast<mode_t>(va_arg(ap, int)) : 0;
-    va_end(ap);
-    auto &fails = zt::fail_open_matches;
-    if (!fails.empty() && strstr(path, fails.front().c_str())) {
-        fails.erase(fails.begin());
-        errno = ENOENT;
-        return -1;
-    }
-    int fd =
-        static_cast<int>(syscall(SYS_openat, AT_FDCWD, zt::redirect(path).c_str(), flags, mode));
-    // A table file's open is an event, with its flags when they are not the usual.
-    const char *tables[][2] = {{"caps", "/proc/zeb/dulox_zeb_caps"},
-                               {"gflows", "/proc/zeb/dulox_zeb_flows"},
-                               {"ssflows", "/proc/zeb/dulox_zeb_ss_flows"}};
-    for (auto &t : tables)
-        if (fd >= 0 && strcmp(path, t[1]) == 0)
-            zt::note(std::string("open ") + t[0] +
-                     (flags == (O_RDWR | O_SYNC) ? "" : " other flags"));
-    return fd;
-}
-
-extern "C" FILE *fopen(const char *path, const char *mode) {
-    using fopen_fn = FILE *(*)(const char *, const char *);
-    static fopen_fn real = reinterpret_cast<fopen_fn>(dlsym(RTLD_NEXT, "fopen"));
-    return real(zt::redirect(path).c_str(), mode);
-}

@@ -85,8 +85,24 @@ void write_table(const std::string &name, const Bytes &content);
 // file under the sandbox. sleep() never waits and notes "sleep N".
 void note(const std::string &event);
 Lines events();  // and forgets them
-// Opens fail with ENOENT, in turn: the first whose path contains matches[0],
-// then the first after it whose path contains matches[1], and so on.
-void fail_open(const Lines &matches);
+
+// A failure no kernel can be asked for. The first pending fault of a call
+// ("open", "socket", "bind", "setsockopt", "sendto", "mmap", "munmap") is
+// looked at when `match` is part of the call's path or table word ("caps",
+// "gflows", "ssflows"): it lets `skip` such calls pass, then fails `times`
+// of them with `err`, returning `result`.
+struct Fault {
+    std::string call, match;
+    int err = 0, skip = 0, times = 1;
+    long result = -1;
+};
+void fail(const Fault &f);
+void clear_faults();
+
+// While this is a descriptor, netlink sockets are duplicates of it (a fake
+// kernel's end) and are noted as events: "socket", "send <kind>", "close
+// socket". Table opens, closes, mappings and unmappings are always noted.
+extern int fake_netlink;
+extern Bytes last_bind_addr, last_send_addr;
 
 }  // namespace zt

@@ -8,94 +8,83 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "core/log.h"
 #include "netlink/nl_msg.h"
 #include "steering/tables.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
+namespace fs = std::filesystem;
 const fs::path kRoot = fs::path(__FILE__).parent_path().parent_path().parent_path();
 
-// Lines trimmed and inner blanks collapsed, so alignment is free.
+// The file's lines, trimmed, blanks collapsed, each framed by "\n".
 std::string lines_of(const std::string &rel) {
-    std::ifstream in(kRoot / rel);
     std::stringstream raw;
-    raw << in.rdbuf();
+    raw << std::ifstream(kRoot / rel).rdbuf();
     std::string text =
         std::regex_replace("\n" + raw.str() + "\n", std::regex("[ \t]*\n[ \t]*"), "\n");
     return std::regex_replace(text, std::regex("[ \t]+"), " ");
 }
 
-// Group 1 of every match of `re`.
+// Group 1 of every match of `re` in `text`.
 std::vector<std::string> matches(const std::string &text, const char *re) {
-    const std::regex rx(re);
     std::vector<std::string> out;
+    const std::regex rx(re);
     for (std::sregex_iterator m(text.begin(), text.end(), rx), end; m != end; ++m)
         out.push_back((*m)[1]);
     return out;
-}
-
-std::string first_match(const std::string &rel, const char *re) {
-    auto all = matches(lines_of(rel), re);
-    return all.empty() ? "" : all[0];
 }
 
 std::string dir_of(const std::string &path) {
     return fs::path(path).parent_path().string();
 }
 
-TEST(AndroidFiles, NameTheCodesPathsSocketAndBinary) {
+TEST(AndroidFiles, SpellTheCodesPathsSocketAndBinary) {
     EXPECT_EQ(ZEBUSR_NETLINK_GENERIC, NETLINK_GENERIC)
         << "the policy grants netlink_generic_socket";
-    const std::string bin =
-        first_match("CMakeLists.txt", "add_executable\\((\\w+) src/core/main.cpp");
+    const std::string cmake = lines_of("CMakeLists.txt");
+    const std::string bin = matches(cmake, "add_executable\\((\\w+) src/core/main.cpp").at(0);
     const std::string data = dir_of(ZEBUSR_LOG_PATH);
-    ASSERT_FALSE(bin.empty());
     EXPECT_EQ(data, dir_of(ZEBUSR_CSV_PATH));
 
-    const std::string rc = "android/zebusrd.rc", te = "android/sepolicy/zebusrd.te";
-    std::vector<std::pair<std::string, std::string>> want = {
-        {rc, "service " + bin + " /vendor/bin/" + bin},
-        {rc, "mkdir " + data + " 0770 system system"},
-        {rc, "user system"},
-        {rc, "group system"},
-        {rc, "capabilities"},
-        {te, "type " + bin + "_exec, exec_type, vendor_file_type, file_type;"},
-        {te, "init_daemon_domain(" + bin + ")"},
-        {te, "type zebusrd_data_file, file_type, data_file_type;"},
-        {te, "type proc_zeb, fs_type, proc_type;"},
-        {"android/sepolicy/file_contexts",
-         "/vendor/bin/" + bin + " u:object_r:" + bin + "_exec:s0"},
-        {"android/sepolicy/file_contexts", data + "(/.*)? u:object_r:zebusrd_data_file:s0"},
-        {te, "allow zebusrd self:netlink_generic_socket { create bind setopt read write };"},
-        {te, "allow zebusrd proc_zeb:file { getattr open read write map };"},
-        {te, "allow zebusrd zebusrd_data_file:file { create getattr open read write };"},
-        {"Android.bp", "name: \"" + bin + "\","},
-        {"Android.bp",
-         "cpp_std: \"c++" + first_match("CMakeLists.txt", "CMAKE_CXX_STANDARD (\\d+)") + "\","},
-        {"Android.bp", "init_rc: [\"" + rc + "\"],"},
-    };
-    for (const char *table : {ZEBUSR_CAP_PATH, ZEBUSR_GFLOW_PATH, ZEBUSR_SSFLOW_PATH}) {
-        want.push_back({rc, "chown system system " + std::string(table)});
-        want.push_back({rc, "chmod 0660 " + std::string(table)});
-        want.push_back({"android/sepolicy/genfs_contexts",
-                        "genfscon proc " +
-                            std::regex_replace(dir_of(table), std::regex("^/proc/"), "/") +
-                            " u:object_r:proc_zeb:s0"});
+    std::vector<std::string> rc = {"service " + bin + " /vendor/bin/" + bin, "user system",
+                                   "group system", "capabilities",
+                                   "mkdir " + data + " 0770 system system"};
+    std::vector<std::string> genfs;
+    for (std::string table : {ZEBUSR_CAP_PATH, ZEBUSR_GFLOW_PATH, ZEBUSR_SSFLOW_PATH}) {
+        rc.insert(rc.end(), {"chown system system " + table, "chmod 0660 " + table});
+        genfs.push_back("genfscon proc " +
+                        std::regex_replace(dir_of(table), std::regex("^/proc/"), "/") +
+                        " u:object_r:proc_zeb:s0");
     }
-    // Same warnings as the daemon's CMake flags.
+    std::vector<std::string> bp = {
+        "name: \"" + bin + "\",", "init_rc: [\"android/zebusrd.rc\"],",
+        "cpp_std: \"c++" + matches(cmake, "CMAKE_CXX_STANDARD (\\d+)").at(0) + "\","};
     for (const std::string &w :
-         matches(first_match("CMakeLists.txt", "set\\(ZEBUSR_DAEMON_FLAGS (.*)\\)"), "(-W\\S+)"))
-        want.push_back({"Android.bp", "\"" + w + "\","});
+         matches(matches(cmake, "set\\(ZEBUSR_DAEMON_FLAGS (.*)\\)").at(0), "(-W\\S+)"))
+        bp.push_back("\"" + w + "\",");
 
-    for (const auto &[file, line] : want)
-        EXPECT_NE(lines_of(file).find("\n" + line + "\n"), std::string::npos)
-            << file << ": " << line;
+    const std::vector<std::pair<std::string, std::vector<std::string>>> want = {
+        {"android/zebusrd.rc", rc},
+        {"android/sepolicy/genfs_contexts", genfs},
+        {"Android.bp", bp},
+        {"android/sepolicy/file_contexts",
+         {"/vendor/bin/" + bin + " u:object_r:" + bin + "_exec:s0",
+          data + "(/.*)? u:object_r:zebusrd_data_file:s0"}},
+        {"android/sepolicy/zebusrd.te",
+         {"type " + bin + "_exec, exec_type, vendor_file_type, file_type;",
+          "init_daemon_domain(" + bin + ")", "type zebusrd_data_file, file_type, data_file_type;",
+          "type proc_zeb, fs_type, proc_type;",
+          "allow zebusrd self:netlink_generic_socket { create bind setopt read write };",
+          "allow zebusrd proc_zeb:file { getattr open read write map };",
+          "allow zebusrd zebusrd_data_file:file { create getattr open read write };"}},
+    };
+    for (const auto &[file, lines] : want)
+        for (const std::string &line : lines)
+            EXPECT_NE(lines_of(file).find("\n" + line + "\n"), std::string::npos)
+                << file << ": " << line;
 }
 
 // Every test TEST_MAPPING names is a module, and every file Android.bp names exists.

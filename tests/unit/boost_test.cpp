@@ -103,29 +103,20 @@ TEST_F(BoostTest, ChoosesFastSendersWithLittleBoostLeft) {
         Pids boosted;
         const char *log;
     } cases[] = {
-        {{{600000000, 101, 0}, {400000000, 102, 0}, {900000000, 103, 5000}},
-         3,
-         1,
-         {101},
-         "Boosting pid 101 with bps 600000000\npid 103 with bps 900000000 has 5000 ms of boost "
-         "remaining\n"},
-        {{{500000000, 201, 0}, {500000001, 202, 0}, {big, 203, 0}},
-         3,
-         1,
-         {202, 203},
+        // clang-format off
+        {{{600000000, 101, 0}, {400000000, 102, 0}, {900000000, 103, 5000}}, 3, 1, {101},
+         "Boosting pid 101 with bps 600000000\npid 103 with bps 900000000 has 5000 ms of boost remaining\n"},
+        {{{500000000, 201, 0}, {500000001, 202, 0}, {big, 203, 0}}, 3, 1, {202, 203},
          "Boosting pid 202 with bps 500000001\nBoosting pid 203 with bps 4294967297\n"},
-        {{{600000000, 301, 1000}, {600000000, 302, 1001}},
-         2,
-         1,
-         {301},
-         "Boosting pid 301 with bps 600000000\npid 302 with bps 600000000 has 1001 ms of boost "
-         "remaining\n"},
+        {{{600000000, 301, 1000}, {600000000, 302, 1001}}, 2, 1, {301},
+         "Boosting pid 301 with bps 600000000\npid 302 with bps 600000000 has 1001 ms of boost remaining\n"},
         {{{500000000, 501, 0}}, 1, 1, {}, ""},
         {all32, 2, 1, fast_pids(2), nullptr},
         {all32, 32, 1, fast_pids(32), nullptr},
         {all32, 33, 1, {}, "Invalid list len\n"},
         {all32, 32, 0, {}, "error: info is not valid\n"},
         {all32, 32, 2, {}, "error: info is not valid\n"},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.list_len);

@@ -27,102 +27,6 @@
 using zt::Bytes;
 using zt::Lines;
 
-// Sockets of the netlink family are duplicates of the fake kernel's end.
-static int fake_socket = -1;
-static int fail_sockets = 0;
-static int fail_mmap_at = 0;  // the n-th table mapping fails (counted from 1)
-static const char *fail_munmap_of = "";
-static int mmaps = 0;
-
-static const char *table_of_fd(int fd) {
-    return fd == cap_fd      ? "caps"
-           : fd == gflow_fd  ? "gflows"
-           : fd == ssflow_fd ? "ssflows"
-                             : nullptr;
-}
-
-static const char *table_of_map(void *addr) {
-    return addr == cap_list      ? "caps"
-           : addr == gflow_list  ? "gflows"
-           : addr == ssflow_list ? "ssflows"
-                                 : nullptr;
-}
-
-static bool is_fake(int fd) {
-    int domain = 0;
-    socklen_t len = sizeof(domain);
-    return fake_socket >= 0 && getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len) == 0 &&
-           domain == AF_UNIX;
-}
-
-extern "C" int socket(int domain, int type, int protocol) {
-    if (domain != AF_NETLINK || fake_socket < 0)
-        return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
-    if (fail_sockets > 0) {
-        fail_sockets--;
-        errno = EMFILE;
-        return -1;
-    }
-    zt::note("socket");
-    return dup(fake_socket);
-}
-
-extern "C" int bind(int fd, const sockaddr *addr, socklen_t len) {
-    return is_fake(fd) ? 0 : static_cast<int>(syscall(SYS_bind, fd, addr, len));
-}
-
-// The fake keeps its short time-out.
-extern "C" int setsockopt(int fd, int level, int name, const void *val, socklen_t len) {
-    return is_fake(fd) ? 0 : static_cast<int>(syscall(SYS_setsockopt, fd, level, name, val, len));
-}
-
-extern "C" ssize_t sendto(int fd, const void *buf, size_t n, int flags, const sockaddr *addr,
-                          socklen_t len) {
-    Bytes b(static_cast<const uint8_t *>(buf), static_cast<const uint8_t *>(buf) + n);
-    if (zt::get_u16(b, 4) == 16)
-        zt::note("send lookup");
-    else if (b[16] == 4)
-        zt::note("send sync");
-    else
-        zt::note("send sugg " + std::to_string(zt::get_u32(b, 28)) + " " +
-                 std::to_string(zt::get_u16(b, 32)) + ">" + std::to_string(zt::get_u16(b, 34)));
-    return syscall(SYS_sendto, fd, buf, n, flags, addr, len);
-}
-
-extern "C" int close(int fd) {
-    if (const char *t = table_of_fd(fd))
-        zt::note(std::string("close ") + t);
-    else if (is_fake(fd) && fd != fake_socket)
-        zt::note("close socket");
-    return static_cast<int>(syscall(SYS_close, fd));
-}
-
-extern "C" void *mmap(void *addr, size_t len, int prot, int flags, int fd, off_t off) {
-    const char *t = table_of_fd(fd);
-    if (!t)
-        return reinterpret_cast<void *>(syscall(SYS_mmap, addr, len, prot, flags, fd, off));
-    bool usual = !addr && len == page_size && prot == (PROT_READ | PROT_WRITE) &&
-                 flags == MAP_SHARED && off == 0;
-    zt::note(std::string("mmap ") + t + (usual ? "" : " with other arguments"));
-    if (++mmaps == fail_mmap_at) {
-        errno = ENODEV;
-        return MAP_FAILED;
-    }
-    return reinterpret_cast<void *>(syscall(SYS_mmap, addr, len, prot, flags, fd, off));
-}
-
-extern "C" int munmap(void *addr, size_t len) {
-    const char *t = table_of_map(addr);
-    if (t) {
-        zt::note(std::string("munmap ") + t + (len == page_size ? "" : " with another length"));
-        if (strcmp(t, fail_munmap_of) == 0) {
-            errno = EINVAL;
-            return -1;
-        }
-    }
-    return static_cast<int>(syscall(SYS_munmap, addr, len));
-}
-
 namespace {
 
 using zt::Flow;
@@ -138,13 +42,12 @@ class Steering : public ::testing::Test {
         page_size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
         zeb_family_id = zt::kZebFamily;
         cap_fd = gflow_fd = ssflow_fd = -100;
-        fake_socket = kernel.daemon_fd();
-        mmaps = fail_sockets = fail_mmap_at = 0;
-        fail_munmap_of = "";
+        zt::fake_netlink = kernel.daemon_fd();
+        zt::clear_faults();
         zt::events();
     }
     void TearDown() override {
-        fake_socket = -1;
+        zt::fake_netlink = -1;
         cap_list = nullptr;
         gflow_list = nullptr;
         ssflow_list = nullptr;
@@ -188,9 +91,7 @@ TEST_F(Steering, UnmapFailureExitsWithStatusZero) {
             m.set_mapping(mmap(nullptr, page_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         EXPECT_EXIT(
             {
-                fail_munmap_of = t.word[0] == 'c'   ? "caps"
-                                 : t.word[0] == 'g' ? "gflows"
-                                                    : "ssflows";
+                zt::fail({"munmap", std::string(t.word) + "s", EINVAL});
                 zebusr_munmap_all();
             },
             ::testing::ExitedWithCode(0), "");
@@ -323,8 +224,10 @@ TEST_F(Steering, GoldFlowWalkStops) {
 TEST_F(Steering, ReaderMappingFailureExitsWithStatusZero) {
     tables(zt::cap_table({}), zt::flow_table({}));
     verbose_log_enabled = 0;
-    EXPECT_EXIT((fail_mmap_at = 1, zebusr_read_capacities()), ::testing::ExitedWithCode(0), "");
-    EXPECT_EXIT((fail_mmap_at = 1, zebusr_read_gold_flows()), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT((zt::fail({"mmap", "", ENODEV}), zebusr_read_capacities()),
+                ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT((zt::fail({"mmap", "", ENODEV}), zebusr_read_gold_flows()),
+                ::testing::ExitedWithCode(0), "");
     EXPECT_EQ(zt::events(), (Lines{"mmap caps", "close caps", "mmap gflows", "close gflows"}));
     EXPECT_EQ(log.messages(),
               "mmap failure: No such device\nclosing cap file\n"
@@ -353,9 +256,10 @@ TEST_F(Steering, EvaluationLoopConnectsCyclesAndReconnects) {
 
     EXPECT_EXIT(
         {
-            fail_sockets = 1;
-            zt::fail_open({"caps", "zeb_flows", "ss_flows"});
-            fail_mmap_at = 6;
+            zt::fail({"socket", "", EMFILE});
+            for (const char *file : {"caps", "zeb_flows", "ss_flows"})
+                zt::fail({"open", file, ENOENT});
+            zt::fail({"mmap", "", ENODEV, 5});
             zebusr_evaluate(nullptr);
         },
         ::testing::ExitedWithCode(0), "");
