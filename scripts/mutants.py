@@ -63,7 +63,7 @@ TREE = OUT / "tree"
 BUILD = TREE / "build"
 EQUIV = "tests/equivalent-mutants.md"
 LOG_SWAP = {"HIGH": "MED", "ERR": "LOW", "MED": "HIGH", "LOW": "ERR"}
-REL_SWAP = {"<": "<=", "<=": "<", ">": ">=", ">=": ">"}
+REL_SWAP = {"<=": "<", ">=": ">", "<": "<=", ">": ">="}
 NOT_CALLS = {"if", "while", "for", "switch", "return", "sizeof", "static_assert", "do", "else",
              "case", "new", "delete", "throw", "decltype", "alignof", "catch", "using", "typedef"}
 
@@ -166,19 +166,14 @@ def block_kinds(masked):
 
 # ---- operators: each yields (start, end, replacement) offsets into the line
 
-def op_rel(ln, _):
-    for m in re.finditer(r"(?<=\s)(<=|>=|<|>)(?=\s)", ln):
-        yield m.start(), m.end(), REL_SWAP[m.group()]
-
-
-def op_eq(ln, _):
-    for m in re.finditer(r"(?<=\s)(==|!=)(?=\s)", ln):
-        yield m.start(), m.end(), "!=" if m.group() == "==" else "=="
-
-
-def op_logic(ln, _):
-    for m in re.finditer(r"(?<=\s)(&&|\|\|)(?=\s)", ln):
-        yield m.start(), m.end(), "||" if m.group() == "&&" else "&&"
+def swap(table):
+    """Binary operators written with a blank on each side, as clang-format leaves them:
+    that keeps template brackets, <<, -> and && in declarations out."""
+    pattern = re.compile(r"(?<=\s)(" + "|".join(re.escape(k) for k in table) + r")(?=\s)")
+    def op(ln, _):
+        for m in pattern.finditer(ln):
+            yield m.start(), m.end(), table[m.group()]
+    return op
 
 
 def unary(before):
@@ -224,7 +219,8 @@ def op_flow(ln, _):
 
 
 # ret before lit: the two meet on `return 0;` and the first one keeps the mutant.
-LINE_OPS = [("rel", op_rel), ("eq", op_eq), ("logic", op_logic), ("ret", op_ret),
+LINE_OPS = [("rel", swap(REL_SWAP)), ("eq", swap({"==": "!=", "!=": "=="})),
+            ("logic", swap({"&&": "||", "||": "&&"})), ("ret", op_ret),
             ("lit", op_lit), ("log", op_log), ("flow", op_flow)]
 
 
@@ -406,7 +402,7 @@ def find_exe(name):
     return None
 
 
-def baseline():
+def baseline(say):
     """Builds and runs every suite unmutated; returns {name: (exe, seconds, e2e)}."""
     targets = test_targets()
     ok, log = build([name for _, name in targets])
@@ -418,7 +414,7 @@ def baseline():
         verdict = run_exe(exe, 600, 2 if e2e else 1)
         took = time.monotonic() - t0
         if verdict != "pass":
-            print(f"warning: {name} fails unmutated and is left out")
+            say(f"warning: {name} fails unmutated and is left out")
             continue
         suites[name] = (exe, took, e2e)
     return suites
@@ -480,7 +476,7 @@ def run(mutants, files):
     started = time.monotonic()
     say(f"building and running the unmutated tree in {TREE.relative_to(ROOT)}")
     sync_tree(files)
-    suites = baseline()
+    suites = baseline(say)
     say(f"baseline: {len(suites)} suites pass in {sum(s[1] for s in suites.values()):.1f}s; "
         f"{len(mutants)} mutants, set-up {time.monotonic() - started:.0f}s")
     hist_file = OUT / "kills.json"
@@ -502,7 +498,7 @@ def run(mutants, files):
             + f"  ({timing['build']:.0f}s+{timing['test']:.0f}s){note}")
         if result == "survived":
             say(f"    - {m['id']} | <why it is equivalent>")
-    hist_file.write_text(json.dumps(history, indent=1, sort_keys=True))
+        hist_file.write_text(json.dumps(history, indent=1, sort_keys=True))
     killed = tally.get("killed", 0) + tally.get("timeout", 0)
     scored = killed + tally.get("survived", 0)
     elapsed = time.monotonic() - started
