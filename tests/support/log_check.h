@@ -10,11 +10,10 @@ struct LogLine {
     std::string func, level, message;
 };
 
-// Splits a line with the exact prefix; false for any other line.
+// Splits a line that has a prefix; false for any other line.
 bool split_log_line(const std::string &line, LogLine *out);
 
-// "" when every line has the exact prefix (stamp, function right-aligned in
-// 40 columns, line number, level) and a message that its function writes at
+// "" when every line has a prefix and a message that its function writes at
 // that level, with the empty line after each message that ends in a newline;
 // else why and the first line at fault.
 std::string check_log(const std::string &text);

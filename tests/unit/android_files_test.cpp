@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -49,27 +50,14 @@ TEST(AndroidFiles, SpellTheCodesPathsSocketAndBinary) {
     const std::string data = dir_of(ZEBUSR_LOG_PATH);
     EXPECT_EQ(data, dir_of(ZEBUSR_CSV_PATH));
 
-    std::vector<std::string> rc = {"service " + bin + " /vendor/bin/" + bin, "user system",
-                                   "group system", "capabilities",
-                                   "mkdir " + data + " 0770 system system"};
-    std::vector<std::string> genfs;
-    for (std::string table : {ZEBUSR_CAP_PATH, ZEBUSR_GFLOW_PATH, ZEBUSR_SSFLOW_PATH}) {
-        rc.insert(rc.end(), {"chown system system " + table, "chmod 0660 " + table});
-        genfs.push_back("genfscon proc " +
-                        std::regex_replace(dir_of(table), std::regex("^/proc/"), "/") +
-                        " u:object_r:proc_zeb:s0");
-    }
-    std::vector<std::string> bp = {
-        "name: \"" + bin + "\",", "init_rc: [\"android/zebusrd.rc\"],",
-        "cpp_std: \"c++" + matches(cmake, "CMAKE_CXX_STANDARD (\\d+)").at(0) + "\","};
-    for (const std::string &w :
-         matches(matches(cmake, "set\\(ZEBUSR_DAEMON_FLAGS (.*)\\)").at(0), "(-W\\S+)"))
-        bp.push_back("\"" + w + "\",");
-
-    const std::vector<std::pair<std::string, std::vector<std::string>>> want = {
-        {"android/zebusrd.rc", rc},
-        {"android/sepolicy/genfs_contexts", genfs},
-        {"Android.bp", bp},
+    const std::string rc = "android/zebusrd.rc", bp = "Android.bp";
+    std::map<std::string, std::vector<std::string>> want = {
+        {rc,
+         {"service " + bin + " /vendor/bin/" + bin, "user system", "group system", "capabilities",
+          "mkdir " + data + " 0770 system system"}},
+        {bp,
+         {"name: \"" + bin + "\",", "init_rc: [\"" + rc + "\"],",
+          "cpp_std: \"c++" + matches(cmake, "CMAKE_CXX_STANDARD (\\d+)").at(0) + "\","}},
         {"android/sepolicy/file_contexts",
          {"/vendor/bin/" + bin + " u:object_r:" + bin + "_exec:s0",
           data + "(/.*)? u:object_r:zebusrd_data_file:s0"}},
@@ -81,6 +69,15 @@ TEST(AndroidFiles, SpellTheCodesPathsSocketAndBinary) {
           "allow zebusrd proc_zeb:file { getattr open read write map };",
           "allow zebusrd zebusrd_data_file:file { create getattr open read write };"}},
     };
+    for (std::string table : {ZEBUSR_CAP_PATH, ZEBUSR_GFLOW_PATH, ZEBUSR_SSFLOW_PATH}) {
+        want[rc].insert(want[rc].end(), {"chown system system " + table, "chmod 0660 " + table});
+        want["android/sepolicy/genfs_contexts"].push_back(
+            "genfscon proc " + std::regex_replace(dir_of(table), std::regex("^/proc/"), "/") +
+            " u:object_r:proc_zeb:s0");
+    }
+    for (const std::string &w :
+         matches(matches(cmake, "set\\(ZEBUSR_DAEMON_FLAGS (.*)\\)").at(0), "(-W\\S+)"))
+        want[bp].push_back("\"" + w + "\",");
     for (const auto &[file, lines] : want)
         for (const std::string &line : lines)
             EXPECT_NE(lines_of(file).find("\n" + line + "\n"), std::string::npos)

@@ -205,21 +205,6 @@ TEST_F(Policies, MissingMappingsAreErrors) {
     EXPECT_EQ(log.messages("zebusr_balance_gold_flows"), "cap_list is NULL\ngflow_list is NULL\n");
 }
 
-TEST_F(Policies, UpLogsTheChosenCpuAndEachOffer) {
-    zt::LogCapture log(true);
-    kernel.queue_code(4);
-    kernel.queue_code(0);
-    map(pps({I, I, 10, I, I, I, I, I}), {});
-    ASSERT_EQ(up(), 0);
-    EXPECT_EQ(policy_lines(log), R"(################## SILVER TO GOLD ##################
-  Move all flows on cpu 2 at index 2
-
-  ZEB_SUGG_UP: Sending msg to kernel to request that all flows on cpu 2 be moved to gold cpu 4
-  ZEB_SUGG_UP: Sending msg to kernel to request that all flows on cpu 2 be moved to gold cpu 5
-  ZEB_SUGG_UP: Move successful
-)");
-}
-
 // Silver CPU 0 is below the headroom (no line), 1 at it (checked, no room).
 TEST_F(Policies, DownLogsEveryCheckWithFullValues) {
     zt::LogCapture log(true);
