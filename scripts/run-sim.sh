@@ -3,7 +3,8 @@
 # scenarios/default.json): verbose logging, CSV capture switched on with
 # SIGUSR1 at 1 s, SIGTERM at the end. Prints each decision as the simulated
 # kernel answers it, then a summary, and names the folder holding the log,
-# the CSV capture and the transcript.
+# the CSV capture, the transcript, the scorecard and report.png, the picture
+# of the run.
 #
 #   scripts/run-sim.sh [SCENARIO.json]
 #   ZEBUSR_SIM_FACTOR=1 scripts/run-sim.sh   # real time (default 0.5: twice as fast)

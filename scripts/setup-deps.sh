@@ -4,7 +4,7 @@
 # as arguments are installed the same way (the aarch64 and VM suites use it).
 set -euo pipefail
 
-packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev "$@")
+packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev gnuplot-nox "$@")
 
 missing=()
 for p in "${packages[@]}"; do

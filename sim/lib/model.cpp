@@ -93,6 +93,7 @@ void Model::sample(double t) {
     }
     for (int c = 0; c < kCpus; ++c) {
         cpus_[c].spare = std::max(0.0, s_.cpus[c].max_pps - load[c]);
+        cpus_[c].excess = std::max(0.0, load[c] - s_.cpus[c].max_pps);
         cpus_[c].bps = bps[c];
         cpus_[c].avg.push(cpus_[c].spare);
     }

@@ -39,6 +39,7 @@ struct FlowState {
 
 struct CpuState {
     double spare = 0;
+    double excess = 0;  // demand above max_pps: packets the CPU cannot carry
     double bps = 0;
     Window avg{1};
 };

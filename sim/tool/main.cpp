@@ -14,7 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "replay.hpp"
 #include "report.hpp"
+#include "runview.hpp"
 #include "scenario.hpp"
 #include "session.hpp"
 
@@ -31,6 +33,9 @@ const char kUsage[] =
     "      --signal S:NAME   send USR1, USR2, INT or TERM at simulated second S (repeatable)\n"
     "      --preload PATH    preload library (default: next to this program)\n"
     "      --check           only check the scenario\n"
+    "      --scorecard       also print the scorecard: the device with the daemon against\n"
+    "                        the device left alone\n"
+    "      --no-report       no picture (report.png) of the run\n"
     "  -q, --quiet           no line per decision\n"
     "Without a DAEMON the simulator serves alone and prints the environment to start one with.\n"
     "At the end of the duration the daemon gets SIGTERM.\n";
@@ -51,6 +56,8 @@ struct Args {
     fs::path preload;
     bool check = false;
     bool quiet = false;
+    bool scorecard = false;
+    bool report = true;
     std::vector<std::string> daemon;
 };
 
@@ -113,6 +120,10 @@ Args parse_args(int argc, char **argv) {
             a.preload = value();
         } else if (s == "--check") {
             a.check = true;
+        } else if (s == "--scorecard") {
+            a.scorecard = true;
+        } else if (s == "--no-report") {
+            a.report = false;
         } else if (s == "-q" || s == "--quiet") {
             a.quiet = true;
         } else if (s == "-h" || s == "--help") {
@@ -228,6 +239,18 @@ int run(const Args &a, const sim::Scenario &sc) {
     rep.summary(device, ses.sim_now(), status);
     std::ofstream(ses.paths().dir / "summary.json") << device.dump(2) << '\n';
     const auto &p = ses.paths();
+    // The picture and the scorecard replay the device tick by tick from the
+    // transcript, so both ways are sampled alike.
+    auto decisions = sim::read_decisions(p.transcript());
+    auto with = sim::replay(sc, decisions, duration);
+    std::string card = sim::scorecard(sc, decisions, sim::replay(sc, {}, duration), with);
+    std::ofstream(p.dir / "scorecard.txt") << card;
+    if (a.scorecard)
+        std::printf("\n%s", card.c_str());
+    fs::path png;
+    std::string why;
+    if (a.report && (png = sim::write_picture(p.dir, sc, decisions, with, why)).empty())
+        std::printf("\nNo picture of the run: %s\n", why.c_str());
     std::printf(
         "\nOutput folder: %s\n  log         %s\n  csv         %s\n  transcript  %s\n  tables      "
         "%s\n"
@@ -235,6 +258,9 @@ int run(const Args &a, const sim::Scenario &sc) {
         fs::absolute(p.dir).c_str(), fs::relative(p.log(), p.dir).c_str(),
         fs::relative(p.csv(), p.dir).c_str(), p.transcript().filename().c_str(),
         p.tables().filename().c_str(), p.preload().filename().c_str());
+    std::printf("  scorecard   scorecard.txt\n");
+    if (!png.empty())
+        std::printf("  picture     %s\n", fs::absolute(png).c_str());
     return 0;
 }
 
