@@ -27,7 +27,8 @@ Each mutant runs the unit test executables first (those that killed mutants of
 the same file before, kept in build/mutants/kills.json, then those named like
 it), the whole-process ones last in two gtest shards, and stops at the first
 failure. A suite still running after 4 times its unmutated time (15 s at least)
-is a timeout. The first run builds the copy in full (about two minutes).
+is a timeout. The first run builds the copy in full (about two minutes); one
+run at a time uses the copy, and a second one stops at once.
 
 results: killed, timeout (counts as killed), survived, no-compile, equivalent.
 score = killed / (killed + survived); no-compile and equivalent are left out.
@@ -43,6 +44,7 @@ within that function too. No line numbers: entries survive unrelated edits.
 Listed mutants still run; a listed survivor is reported 'equivalent'.
 """
 import argparse
+import fcntl
 import fnmatch
 import io
 import json
@@ -467,8 +469,24 @@ def is_listed(mid, listed):
     return any(entry == mid or entry.startswith(mid + " | ") for entry in listed)
 
 
-def run(mutants, files):
+def take_tree():
+    """One run at a time owns the scratch tree; the lock goes with the process, however it ends."""
     OUT.mkdir(parents=True, exist_ok=True)
+    lock = open(OUT / "lock", "a+")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        lock.seek(0)
+        sys.exit(f"{OUT.relative_to(ROOT)} is in use by another run ({lock.read().strip()}); "
+                 "try again when it ends")
+    lock.truncate(0)
+    lock.write(f"pid {os.getpid()}, {' '.join(sys.argv[1:])}, since {time.strftime('%H:%M:%S')}\n")
+    lock.flush()
+    return lock
+
+
+def run(mutants, files):
+    lock = take_tree()  # held until the run ends
     report = open(OUT / "report.txt", "w")
     def say(line):
         print(line, flush=True)
