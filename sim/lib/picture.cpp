@@ -90,6 +90,9 @@ void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decis
          "set arrow 999 from graph 0, first 8 to graph 1, first 8 nohead lc rgb '#d62728' dt 2\n"
          "set label 999 '8 kpps: a silver CPU below it is moved up' at graph 0.01, first 8 "
          "offset 0,0.6 tc rgb '#d62728' font ',8'\n";
+    // Beyond a dozen moves their names would only cover each other.
+    bool dense =
+        std::count_if(ds.begin(), ds.end(), [](const Decision &d) { return d.cur >= 0; }) > 12;
     int n = 0;
     for (const auto &d : ds) {
         if (d.cur < 0)
@@ -97,6 +100,8 @@ void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decis
         ++n;
         g << "set arrow " << n << " from " << d.t << ", graph 0 to " << d.t
           << ", graph 1 nohead lc rgb '#555555' dt " << (d.accepted ? 1 : 3) << "\n";
+        if (dense)
+            continue;
         g << "set label " << n << ' ' << quoted(d.label) << " at " << d.t
           << ", graph 0.98 rotate by 90 right offset -0.6,0 font ',8'\n";
     }

@@ -65,7 +65,8 @@ std::string scorecard(const Scenario &s, const std::vector<Decision> &ds, const 
     }
     row("all", ta, tw);
 
-    add(o, "\n  %-24s | %6s %7s | %6s %7s | %6s | %s\n", "flow", "moves", "end cpu", "moves",
+    add(o, "\n  %-24s | %-14s | %-14s | %-6s |\n", "", "alone", "zebusrd", "change");
+    add(o, "  %-24s | %6s %7s | %6s %7s | %6s | %s\n", "flow", "moves", "end cpu", "moves",
         "end cpu", "moves", "segmentation off (zebusrd)");
     for (size_t i = 0; i < s.flows.size(); ++i) {
         const auto &f = s.flows[i];
@@ -83,13 +84,13 @@ std::string scorecard(const Scenario &s, const std::vector<Decision> &ds, const 
             seg.c_str());
     }
     if (!s.processes.empty()) {
-        add(o, "\n  %-24s | %6s | %6s\n", "process", "boosts", "boosts");
+        add(o, "\n  %-24s | %-14s | %-14s\n", "process", "alone: boosts", "zebusrd: boosts");
         for (const auto &p : s.processes) {
             int n = 0;
             for (const auto &d : ds)
                 if (d.kind == "BOOST" && d.accepted)
                     n += int(std::count(d.pids.begin(), d.pids.end(), p.pid));
-            add(o, "  %-24s | %6d | %6d\n", (std::to_string(p.pid) + " " + p.name).c_str(), 0, n);
+            add(o, "  %-24s | %14d | %14d\n", (std::to_string(p.pid) + " " + p.name).c_str(), 0, n);
         }
     }
     return o;
