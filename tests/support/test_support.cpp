@@ -55,6 +55,12 @@ uint32_t get_u32(const Bytes &b, size_t off) {
     return static_cast<uint32_t>(get_le(b, off, 4));
 }
 
+size_t open_fds() {
+    size_t n = 0;
+    for (int fd = 0; fd < 1024; fd++) n += fcntl(fd, F_GETFD) != -1;
+    return n;
+}
+
 size_t count(const std::string &text, const std::string &needle) {
     size_t n = 0;
     for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))

@@ -21,6 +21,8 @@ void put_u64(Bytes &b, size_t off, uint64_t v);
 uint16_t get_u16(const Bytes &b, size_t off);
 uint32_t get_u32(const Bytes &b, size_t off);
 
+// Descriptors open in this process.
+size_t open_fds();
 // How often `needle` occurs in `text`.
 size_t count(const std::string &text, const std::string &needle);
 

@@ -28,12 +28,6 @@ std::string read(const std::string &path) {
     return ss.str();
 }
 
-size_t open_fds() {
-    size_t n = 0;
-    for (int fd = 0; fd < 1024; fd++) n += fcntl(fd, F_GETFD) != -1;
-    return n;
-}
-
 class Lifecycle : public ::testing::Test {
    protected:
     zt::LogCapture log{false};
@@ -79,17 +73,17 @@ TEST_F(Lifecycle, LineHasItsPrefixAndOnlyMedAndLowWaitForVerbose) {
 // the file over and leaves the first stream open); SIGUSR2 turns both off and
 // closes the stream, as often as it comes.
 TEST_F(Lifecycle, LoggingSignalsSwitchVerboseAndTheCapture) {
-    const size_t fds = open_fds();
+    const size_t fds = zt::open_fds();
     zebusr_start_logging(SIGUSR1);
     EXPECT_EQ(verbose_log_enabled, 1);
     EXPECT_EQ(csv_log_enabled, 1);
     fprintf(csv_fp.load(), "a row\n");
     zebusr_start_logging(SIGUSR1);
     EXPECT_EQ(read(kCsv), "time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7\n");
-    EXPECT_EQ(open_fds(), fds + 2);
+    EXPECT_EQ(zt::open_fds(), fds + 2);
     zebusr_stop_logging(SIGUSR2);
     zebusr_stop_logging(SIGUSR2);
-    EXPECT_EQ(open_fds(), fds + 1);
+    EXPECT_EQ(zt::open_fds(), fds + 1);
     EXPECT_EQ(verbose_log_enabled, 0);
     EXPECT_EQ(csv_log_enabled, 0);
     // A capture that cannot open leaves verbose logging on.

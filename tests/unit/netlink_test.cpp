@@ -23,12 +23,6 @@ namespace {
 
 constexpr uint16_t kZebId = 0x1d, kCoreId = 0x1e;
 
-size_t open_fds() {
-    size_t n = 0;
-    for (int fd = 0; fd < 1024; fd++) n += fcntl(fd, F_GETFD) != -1;
-    return n;
-}
-
 class Netlink : public ::testing::Test {
    protected:
     void SetUp() override {
@@ -277,7 +271,7 @@ TEST_F(Netlink, FamilyLookupFailuresKeepTheId) {
 }
 
 TEST_F(Netlink, SocketOpensWithItsTimeoutOrFailsWithoutALeak) {
-    const size_t fds = open_fds();
+    const size_t fds = zt::open_fds();
     int fd = zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, 0);
     ASSERT_GE(fd, 0);
     struct timeval tv = {};
@@ -294,7 +288,7 @@ TEST_F(Netlink, SocketOpensWithItsTimeoutOrFailsWithoutALeak) {
     EXPECT_EQ(zebusr_genl_open_sock(ZEBUSR_NETLINK_GENERIC, 0x5), -1);
     EXPECT_EQ(zt::last_bind_addr, (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0}));
     EXPECT_EQ(zebusr_genl_open_sock(9999, 0), -1);
-    EXPECT_EQ(open_fds(), fds);
+    EXPECT_EQ(zt::open_fds(), fds);
     EXPECT_EQ(log.messages(), "nl_open_sock: skfd = " + std::to_string(fd) +
                                   "\nnl_open_sock: recv socket option for timeout set to 3 "
                                   "seconds\nnl_open_sock: skfd = " +
