@@ -23,11 +23,13 @@ standalone call statement replaced by {}), flow (continue;/break; replaced by
 {}), ret (return 0; <-> return -1;). Comments, strings, preprocessor lines and
 static_assert are never touched.
 
-Each mutant runs the unit test executables first (those that killed mutants of
-the same file before, kept in build/mutants/kills.json, then those named like
-it), the whole-process ones last in two gtest shards, and stops at the first
-failure. A suite still running after 4 times its unmutated time (15 s at least)
-is a timeout. The first run builds the copy in full (about two minutes); one
+Each mutant runs what ctest runs that reaches daemon code (the simulator's own
+tests are left out), a gtest executable once whole rather than test by test:
+first the suites that killed mutants of the same file before (remembered in
+build/mutants/kills.json), then those named like the file, fastest first; the
+whole-process ones (label e2e, and scripts) last, gtest ones in two shards. It
+stops at the first failure. A suite still running after 4 times its unmutated
+time (15 s at least) is a timeout. The first run builds the copy in full (about two minutes); one
 run at a time uses the copy, and a second one stops at once.
 
 results: killed, timeout (counts as killed), survived, no-compile, equivalent.
@@ -348,7 +350,7 @@ def build(targets):
         subprocess.run(["cmake", "-S", TREE, "-B", BUILD, *gen, "-DCMAKE_BUILD_TYPE=Debug",
                         "-DZEBUSR_BUILD_BENCH=OFF", "-DCMAKE_CXX_FLAGS_DEBUG=-O0"],
                        check=True, capture_output=True)
-    proc = subprocess.Popen(["cmake", "--build", BUILD, "-j2", "--target", *targets],
+    proc = subprocess.Popen(["cmake", "--build", BUILD, "-j2", *(["--target", *targets] if targets else [])],
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                             start_new_session=True)
     try:
@@ -367,12 +369,14 @@ def kill_group(proc):
     proc.wait()
 
 
-def run_exe(exe, timeout, shards=1):
-    """Runs a test executable (in parallel gtest shards); 'pass', 'fail' or 'timeout'."""
+def run_suite(suite, timeout):
+    """Runs one suite, a gtest executable in two shards when it is slow; 'pass', 'fail' or
+    'timeout'."""
+    shards = 2 if suite["gtest"] and suite["e2e"] else 1
     procs = []
     for i in range(shards):
         env = dict(os.environ, GTEST_TOTAL_SHARDS=str(shards), GTEST_SHARD_INDEX=str(i))
-        procs.append(subprocess.Popen([exe, "--gtest_brief=1"], cwd=exe.parent, env=env,
+        procs.append(subprocess.Popen(suite["cmd"], cwd=suite["cwd"], env=env,
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                       start_new_session=True))
     deadline, verdict = time.monotonic() + timeout, "pass"
@@ -391,44 +395,66 @@ def run_exe(exe, timeout, shards=1):
     return verdict
 
 
-def test_targets():
-    """Test executables of the daemon's suites: unit ones first, whole-process ones last."""
-    names = [p for p in TREE.glob("tests/**/*_test.cpp")]
-    return sorted(((("e2e" in p.parts), p.stem) for p in names))
+def runs_daemon_code(cmd):
+    """A test matters when its executable holds daemon code or the daemon's path, or when it
+    is handed the daemon: the simulator's own tests are left out."""
+    daemon = str(BUILD / "zebusrd")
+    if daemon in cmd[1:]:
+        return True
+    data = Path(cmd[0]).read_bytes()
+    return b"zebusr_log_write" in data or daemon.encode() in data
 
 
-def find_exe(name):
-    for p in BUILD.rglob(name):
-        if p.is_file() and os.access(p, os.X_OK):
-            return p
-    return None
+def discover_suites():
+    """What ctest would run, grouped: a gtest executable runs once whole, any other test
+    command as it is. Built targets are named after their executables; a script's
+    suite builds everything."""
+    out = subprocess.run(["ctest", "--test-dir", BUILD, "--show-only=json-v1"],
+                         capture_output=True, text=True, check=True).stdout
+    suites = {}
+    for t in json.loads(out)["tests"]:
+        cmd = t.get("command")
+        props = {p["name"]: p["value"] for p in t.get("properties", [])}
+        gtest = bool(cmd) and any(a.startswith("--gtest_filter") for a in cmd[1:])
+        key = (cmd[0], "--gtest_brief=1") if gtest else tuple(cmd or ())
+        if not cmd or key in suites or not runs_daemon_code(cmd):
+            continue
+        exe = Path(cmd[0])
+        suites[key] = dict(name=exe.name if gtest else t["name"], cmd=list(key),
+                           cwd=props.get("WORKING_DIRECTORY", str(exe.parent)), gtest=gtest,
+                           e2e="e2e" in props.get("LABELS", []),
+                           target=[exe.name] if BUILD in exe.parents else [])
+    return list(suites.values())
 
 
 def baseline(say):
-    """Builds and runs every suite unmutated; returns {name: (exe, seconds, e2e)}."""
-    targets = test_targets()
-    ok, log = build([name for _, name in targets])
+    """Builds everything and runs every suite unmutated, timing each."""
+    ok, log = build([])
     if not ok:
         sys.exit(log[-3000:] + "\nthe unmutated tree does not build (--ref HEAD tests the last commit)")
-    suites = {}
-    for e2e, name in targets:
-        exe, t0 = find_exe(name), time.monotonic()
-        verdict = run_exe(exe, 600, 2 if e2e else 1)
-        took = time.monotonic() - t0
-        if verdict != "pass":
-            say(f"warning: {name} fails unmutated and is left out")
+    suites = []
+    for suite in discover_suites():
+        if suite["target"] and not build(suite["target"])[0]:
+            suite["target"] = []
+        t0 = time.monotonic()
+        if run_suite(suite, 600) != "pass":
+            say(f"warning: {suite['name']} fails unmutated and is left out")
             continue
-        suites[name] = (exe, took, e2e)
+        suite["took"] = time.monotonic() - t0
+        suites.append(suite)
     return suites
 
 
 def order_suites(path, suites, history):
-    """Suites that killed this file's mutants before, then those named like it, fastest first."""
+    """Whole-process suites last; first those that killed this file's mutants before, then
+    those named like it, fastest first."""
     words = set(re.split(r"[/_.]", path)) - {"src", "cpp", "h"}
     def related(name):
-        return any(w[:5] == t[:5] for w in words for t in name.split("_") if len(w) > 3)
+        return any(w[:5] == t[:5] for w in words for t in re.split(r"[/_.]", name) if len(w) > 3)
     kills = history.get(path, {})
-    return sorted(suites, key=lambda n: (suites[n][2], -kills.get(n, 0), not related(n), suites[n][1]))
+    # A script builds everything and runs the daemon: it goes with the whole-process suites.
+    return sorted(suites, key=lambda s: (s["e2e"] or not s["target"], -kills.get(s["name"], 0),
+                                         not related(s["name"]), s["took"]))
 
 
 def try_mutant(m, files, suites, history):
@@ -438,20 +464,19 @@ def try_mutant(m, files, suites, history):
     timing = {"build": 0.0, "test": 0.0}
     try:
         dst.write_bytes((text[:m["start"]] + m["new"] + text[m["end"]:]).encode(errors="surrogateescape"))
-        for name in order_suites(m["path"], suites, history):
-            exe, took, e2e = suites[name]
+        for suite in order_suites(m["path"], suites, history):
             t0 = time.monotonic()
-            ok, _ = build([name])
+            ok, _ = build(suite["target"])
             timing["build"] += time.monotonic() - t0
             if not ok:
-                return "no-compile", name, timing
+                return "no-compile", suite["name"], timing
             t0 = time.monotonic()
-            verdict = run_exe(exe, max(15.0, 4 * took), 2 if e2e else 1)
+            verdict = run_suite(suite, max(15.0, 4 * suite["took"]))
             timing["test"] += time.monotonic() - t0
             if verdict != "pass":
                 kills = history.setdefault(m["path"], {})
-                kills[name] = kills.get(name, 0) + 1
-                return ("killed" if verdict == "fail" else "timeout"), name, timing
+                kills[suite["name"]] = kills.get(suite["name"], 0) + 1
+                return ("killed" if verdict == "fail" else "timeout"), suite["name"], timing
         return "survived", "", timing
     finally:
         dst.write_bytes(data)
@@ -495,7 +520,8 @@ def run(mutants, files):
     say(f"building and running the unmutated tree in {TREE.relative_to(ROOT)}")
     sync_tree(files)
     suites = baseline(say)
-    say(f"baseline: {len(suites)} suites pass in {sum(s[1] for s in suites.values()):.1f}s; "
+    say("suites: " + " ".join(s["name"] for s in suites))
+    say(f"baseline: {len(suites)} suites pass in {sum(s['took'] for s in suites):.1f}s; "
         f"{len(mutants)} mutants, set-up {time.monotonic() - started:.0f}s")
     hist_file = OUT / "kills.json"
     history = json.loads(hist_file.read_text()) if hist_file.is_file() else {}
