@@ -29,8 +29,8 @@ first the suites that killed mutants of the same file before (remembered in
 build/mutants/kills.json), then those named like the file, fastest first; the
 whole-process ones (label e2e, and scripts) last, gtest ones in two shards. It
 stops at the first failure. A suite still running after 4 times its unmutated
-time (15 s at least) is a timeout. The first run builds the copy in full (about two minutes); one
-run at a time uses the copy, and a second one stops at once.
+time (15 s at least) is a timeout. The first run builds the copy in full
+(a few minutes); one run at a time uses the copy, a second one stops at once.
 
 results: killed, timeout (counts as killed), survived, no-compile, equivalent.
 score = killed / (killed + survived); no-compile and equivalent are left out.
