@@ -176,8 +176,10 @@ void Server::end_run() {
 void Server::record(json rec) {
     if (rec.contains("t"))
         rec["t"] = std::round(rec["t"].get<double>() * 1e6) / 1e6;
-    transcript_ << rec.dump() << '\n';
-    transcript_.flush();
+    if (o_.records) {
+        transcript_ << rec.dump() << '\n';
+        transcript_.flush();
+    }
     if (observer_)
         observer_(rec);
 }
@@ -239,13 +241,14 @@ void Server::write_tables(double t) {
     auto caps = model_.caps();
     auto gold = model_.gold_flows();
     auto ss = model_.ss_flows();
-    tables_ << json{{"t", t},
-                    {"sample_t", model_.sample_time()},
-                    {"caps", caps_json(caps)},
-                    {"gold_flows", flows_json(gold)},
-                    {"ss_flows", flows_json(ss)}}
-                   .dump()
-            << '\n';
+    if (o_.records)
+        tables_ << json{{"t", t},
+                        {"sample_t", model_.sample_time()},
+                        {"caps", caps_json(caps)},
+                        {"gold_flows", flows_json(gold)},
+                        {"ss_flows", flows_json(ss)}}
+                       .dump()
+                << '\n';
     tables_.flush();
     module_.published(std::move(caps), std::move(gold), std::move(ss));
 }
@@ -265,6 +268,7 @@ void Server::send(int fd, int conn, const Response &r, const json &in, double t)
         } else {
             model_.advance_to(t);
             write_tables(t);
+            syncs_.fetch_add(1, std::memory_order_relaxed);
         }
     }
     json out = {{"t", t}, {"n", in["n"]}, {"conn", conn}, {"dir", "out"}, {"kind", in["kind"]}};

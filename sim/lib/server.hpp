@@ -31,6 +31,7 @@ struct ServerOptions {
     fs::path run_dir;
     std::string socket_name;   // "@name" for the abstract namespace, else a path
     double time_factor = 1.0;  // real seconds per simulated second
+    bool records = true;       // transcript and tables.jsonl; off for benchmarks
 };
 
 // Paths inside a run directory.
@@ -70,6 +71,7 @@ class Server {
     const RunPaths &paths() const { return paths_; }
     const std::string &socket_name() const { return o_.socket_name; }
     nlohmann::ordered_json snapshot();  // device state, thread-safe
+    uint64_t syncs_answered() const { return syncs_.load(std::memory_order_relaxed); }
 
    private:
     struct Conn {
@@ -120,6 +122,7 @@ class Server {
     std::optional<int> steady_conn_;  // the connection whose syncs run on without a break
     int next_conn_ = 1;
     long next_req_ = 1;
+    std::atomic<uint64_t> syncs_{0};
 };
 
 }  // namespace sim

@@ -27,7 +27,7 @@ Session::Session(SessionOptions o) : o_(std::move(o)) {
     if (o_.tick_ms)
         o_.scenario.tick_ms = *o_.tick_ms;
     server_ = std::make_unique<Server>(
-        o_.scenario, ServerOptions{o_.run_dir, unique_socket_name(), o_.time_factor});
+        o_.scenario, ServerOptions{o_.run_dir, unique_socket_name(), o_.time_factor, o_.records});
     if (o_.observer)
         server_->set_observer(o_.observer);
     thread_ = std::thread([this] { server_->run(); });

@@ -26,6 +26,7 @@ struct SessionOptions {
     std::vector<std::string> args;  // daemon arguments
     double time_factor = 1.0;
     std::optional<double> tick_ms;                                 // overrides the scenario's
+    bool records = true;                                           // transcript and tables.jsonl
     std::function<void(const nlohmann::ordered_json &)> observer;  // runs on the simulator thread
 };
 
@@ -44,6 +45,7 @@ class Session {
     std::optional<int> exit_status() const { return status_; }
     void kill_daemon();
 
+    pid_t pid() const { return pid_; }
     double sim_now() const { return server_->sim_now(); }
     double time_factor() const { return o_.time_factor; }
     const RunPaths &paths() const { return server_->paths(); }
