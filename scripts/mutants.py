@@ -34,7 +34,8 @@ time (15 s at least) is a timeout. The first run builds the copy in full
 
 results: killed, timeout (counts as killed), survived, no-compile, equivalent.
 score = killed / (killed + survived); no-compile and equivalent are left out.
-The lines go to the terminal and to build/mutants/report.txt.
+The lines go to the terminal and to build/mutants/report.txt, the compiler's
+complaints about each no-compile to build/mutants/no-compile.log.
 
 tests/equivalent-mutants.md: one Markdown list item per mutant that no test can
 tell from the original, copied from the line printed under each survivor:
@@ -466,9 +467,11 @@ def try_mutant(m, files, suites, history):
         dst.write_bytes((text[:m["start"]] + m["new"] + text[m["end"]:]).encode(errors="surrogateescape"))
         for suite in order_suites(m["path"], suites, history):
             t0 = time.monotonic()
-            ok, _ = build(suite["target"])
+            ok, log = build(suite["target"])
             timing["build"] += time.monotonic() - t0
             if not ok:
+                with open(OUT / "no-compile.log", "a") as f:
+                    f.write(f"== {m['id']}\n" + "\n".join(log.splitlines()[-30:]) + "\n")
                 return "no-compile", suite["name"], timing
             t0 = time.monotonic()
             verdict = run_suite(suite, max(15.0, 4 * suite["took"]))
@@ -513,6 +516,7 @@ def take_tree():
 def run(mutants, files):
     lock = take_tree()  # held until the run ends
     report = open(OUT / "report.txt", "w")
+    (OUT / "no-compile.log").write_text("")
     def say(line):
         print(line, flush=True)
         report.write(line + "\n")
