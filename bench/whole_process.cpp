@@ -3,7 +3,8 @@
 // flows) arranged so that every policy scans everything and, once the first
 // cycles have turned segmentation off for the fast flows, nothing but syncs
 // is sent. Beside it runs the floor (cycle_floor): only the system calls a
-// cycle must make. Rounds alternate, one side stopped while the other runs;
+// cycle must make. Rounds alternate: the simulator holds one side's sync
+// reply, so it waits in its receive, while the other runs;
 // CPU time is the kernel's account of the evaluation thread (the floor's
 // only thread), so neither side's waiting for the simulator counts.
 //
@@ -147,12 +148,12 @@ struct Round {
 };
 
 Round measure(Side &s, double secs) {
-    s.ses->signal(SIGCONT);
+    s.ses->server().hold_syncs(false);
     sleep_s(0.05);
     Sample a = sample(s);
     sleep_s(secs);
     Sample b = sample(s);
-    s.ses->signal(SIGSTOP);
+    s.ses->server().hold_syncs(true);
     Round r{};
     r.cycles = b.cycles - a.cycles;
     double c = double(std::max<uint64_t>(r.cycles, 1));
@@ -271,7 +272,7 @@ int main(int argc, char **argv) {
         if (a == "--rounds")
             opt.rounds = std::max(1, std::stoi(val()));
         else if (a == "--round-s")
-            opt.round_s = std::stod(val());
+            opt.round_s = std::clamp(std::stod(val()), 0.1, 2.5);  // under the 3 s time-out
         else if (a == "--out")
             opt.out = val();
         else if (a == "--json")
@@ -305,7 +306,8 @@ int main(int argc, char **argv) {
             Side d = start(sc, opt.out / (std::string("zebusrd-") + mode), daemon, dargs,
                            preload + ":" + count, true);
             d.log = d.ses->paths().log();
-            d.ses->signal(SIGSTOP);
+            d.ses->server().hold_syncs(true);
+            sleep_s(0.05);
             std::vector<size_t> lens = cycle_line_lengths(d.log);
             fs::path lens_file = opt.out / (std::string("lines-") + mode + ".txt");
             {
@@ -315,7 +317,7 @@ int main(int argc, char **argv) {
             Side f = start(sc, opt.out / (std::string("floor-") + mode), floor,
                            {lens_file.string()}, preload, false);
             f.log = f.ses->paths().dir / "data/vendor/zebusr/floor_log.txt";
-            f.ses->signal(SIGSTOP);
+            f.ses->server().hold_syncs(true);
             std::vector<double> ratio, dns, fns, dcps, fcps;
             uint64_t cycles = 0, allocs_eval = 0, allocs_all = 0, bytes = 0, lines = 0;
             for (int r = 0; r < opt.rounds; ++r) {
@@ -332,7 +334,7 @@ int main(int argc, char **argv) {
                 bytes += a.log_bytes;
                 lines += a.log_lines;
             }
-            d.ses->signal(SIGCONT);
+            d.ses->server().hold_syncs(false);
             sleep_s(0.2);
             json m = {{"zebusrd_ns_per_cycle", median(dns)},
                       {"floor_ns_per_cycle", median(fns)},
@@ -356,7 +358,7 @@ int main(int argc, char **argv) {
                         double(allocs_eval) / double(cycles), double(lines) / double(cycles),
                         double(bytes) / double(cycles));
             std::fflush(stdout);
-            f.ses->signal(SIGCONT);
+            f.ses->server().hold_syncs(false);
         }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "process_bench: %s\n", e.what());

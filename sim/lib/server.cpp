@@ -318,7 +318,9 @@ bool Server::serve(Conn &c) {
         in["clock_held_s"] = held;
     Response r = module_.handle(dgram, t, in);
     record(in);
-    if (r.at_tick && reply_tick && !r.replies.empty())
+    if (hold_ && peek.kind == Kind::Sync && !r.replies.empty())
+        held_.push_back({0, c.fd, c.id, std::move(r), in});
+    else if (r.at_tick && reply_tick && !r.replies.empty())
         pending_.push_back({*reply_tick, c.fd, c.id, std::move(r), in});
     else
         send(c.fd, c.id, r, in, t);
@@ -355,6 +357,8 @@ void Server::run() {
             next = std::min(next, real_time_of(double(p.tick) * s_.tick_ms / 1000.0));
         if (auto cap = current_cap())
             next = std::min(next, real_time_of(*cap + kCapGrace));
+        if (!held_.empty())
+            next = std::min(next, Clock::now() + std::chrono::milliseconds(2));
         if (next != Clock::time_point::max()) {
             auto wait = std::max(Clock::duration::zero(), next - Clock::now());
             auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
@@ -377,12 +381,17 @@ void Server::run() {
             if (it == conns_.end() || serve(*it))
                 continue;
             std::erase_if(pending_, [&](const Pending &p) { return p.fd == fd; });
+            std::erase_if(held_, [&](const Pending &p) { return p.fd == fd; });
             if (steady_conn_ == it->id)
                 end_run();
             ::close(fd);
             conns_.erase(it);
         }
         send_due();
+        if (!hold_ && !held_.empty()) {
+            for (auto &h : held_) send(h.fd, h.conn, h.resp, h.in, sim_now());
+            held_.clear();
+        }
         // A client that stopped syncing without going away: time runs again.
         if (auto cap = current_cap(); cap && wall_sim() >= *cap + kCapGrace) {
             hold_to(*cap);

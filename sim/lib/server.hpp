@@ -72,6 +72,9 @@ class Server {
     const std::string &socket_name() const { return o_.socket_name; }
     nlohmann::ordered_json snapshot();  // device state, thread-safe
     uint64_t syncs_answered() const { return syncs_.load(std::memory_order_relaxed); }
+    // While on, sync replies wait: the client blocks in its receive, using no
+    // CPU, and goes on when they are released (benchmark rounds).
+    void hold_syncs(bool on) { hold_.store(on); }
 
    private:
     struct Conn {
@@ -123,6 +126,8 @@ class Server {
     int next_conn_ = 1;
     long next_req_ = 1;
     std::atomic<uint64_t> syncs_{0};
+    std::atomic<bool> hold_{false};
+    std::vector<Pending> held_;
 };
 
 }  // namespace sim
