@@ -84,9 +84,7 @@ int zebusr_balance_gold_flows(void) {
         return -1;
     ZLOG(LOW, "  num gold flows = %u", static_cast<unsigned>(n));
 
-    for (int i = 0; i <= ZEBUSR_MAX_FLOWS; i++) {
-        if (ZEBUSR_GFLOW_WALK_ENDS(i, n))
-            return -1;
+    for (int i = 0; !ZEBUSR_GFLOW_WALK_ENDS(i, n); i++) {
         const zebusr_gflow_info *flow = &gflow_list->list[i];
         uint16_t src = flow->cpu;
         if (src >= ZEBUSR_NUM_CPUS) {

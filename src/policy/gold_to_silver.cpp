@@ -61,9 +61,8 @@ int zebusr_move_gold_flow_down_to_silver(void) {
 
     uint16_t n = gflow_list->list_len;
     ZLOG(MED, "  num gold flows = %u", static_cast<unsigned>(n));
-    for (int i = 0; i <= ZEBUSR_MAX_FLOWS; i++) {
-        if (ZEBUSR_GFLOW_WALK_ENDS(i, n))
-            return -1;
+    // The walk ends at the list's end, at the 128th entry or at a zero hash.
+    for (int i = 0; !ZEBUSR_GFLOW_WALK_ENDS(i, n); i++) {
         const zebusr_gflow_info *flow = &gflow_list->list[i];
         if (flow->avg_pps == 0)
             continue;

@@ -43,9 +43,7 @@ static void zebusr_gflow_map(void) {
 static void zebusr_gflow_log(uint16_t n) {
     ZLOG_AS(LOW, ZEBUSR_GFLOWS_FN, "################## GOLD FLOW FILE CONTENTS #################");
     ZLOG_AS(LOW, ZEBUSR_GFLOWS_FN, "  num gold flows = %u", static_cast<unsigned>(n));
-    for (int i = 0; i <= ZEBUSR_MAX_FLOWS; i++) {
-        if (zebusr_gflow_walk_ends(i, n, ZEBUSR_GFLOWS_FN, __LINE__))
-            return;
+    for (int i = 0; !zebusr_gflow_walk_ends(i, n, ZEBUSR_GFLOWS_FN, __LINE__); i++) {
         if (!zebusr_verbose())
             continue;
         const zebusr_gflow_info *flow = &gflow_list->list[i];

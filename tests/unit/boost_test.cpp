@@ -8,6 +8,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -197,6 +199,30 @@ TEST_F(BoostTest, FailedQueryStopsTheCall) {
     EXPECT_EQ(log.messages(),
               "error: invalid args\nerror 9 on sendto\nnetlink failed to send to fd\n"
               "error: invalid args\n");
+}
+
+// Connected on the second attempt (the first cannot make a socket), then one
+// evaluation a second for as long as the process lives.
+TEST_F(BoostTest, MonitorRetriesThenEvaluatesOnceASecond) {
+    kernel.queue(zt::family_reply(0, "DULOX_CORE", kCoreId));
+    for (int i = 0; i < 3; i++) kernel.queue(zt::reply(kReplySeq, bps_record({}, 0)));
+    zt::events();
+    EXPECT_EXIT((zt::fake_netlink = kernel.daemon_fd(), zt::fail({"socket", "", EMFILE}), alarm(1),
+                 dulox_freq_boost_monitor(nullptr)),
+                ::testing::KilledBySignal(SIGALRM), "");
+    zt::Lines events = zt::events();
+    events.resize(9);
+    EXPECT_EQ(events, (zt::Lines{"sleep 3", "socket", "send lookup", "send cmd 1", "sleep 1",
+                                 "send cmd 1", "sleep 1", "send cmd 1", "sleep 1"}));
+    const std::string m =
+        std::regex_replace(log.messages("dulox.*"), std::regex("sk_fd = \\d+"), "sk_fd = N");
+    EXPECT_EQ(
+        m.substr(0, m.find("Evaluating")),
+        "Dulox Core Driver Thread Started\nzebusr_genl_open_sock failed\n"
+        "duloxusr_connect_to_dulox_core failed on attempt 0\n"
+        "zebusr_genl_open_sock complete: duloxusr_genl_sk_fd = N\n"
+        "zebusr_genl_init_sock complete for ZEBUSR_GENL_FAMILY_DULOX\n"
+        "CONNECTED to dulox core driver\nduloxusr_connect_to_dulox_core COMPLETE on attempt 1\n");
 }
 
 bool fd_open(int fd) {

@@ -133,7 +133,11 @@ void run_without_log(const std::string &dir) {
     log_fp = nullptr;
     rename(dir.c_str(), (dir + ".away").c_str());
     std::thread([] {
-        usleep(100000);
+        struct sigaction now = {};
+        do {
+            usleep(10000);
+            sigaction(SIGTERM, nullptr, &now);
+        } while (now.sa_handler == SIG_DFL);  // not before main installs its handler
         raise(SIGTERM);
     }).detach();
     char name[] = "zebusrd";

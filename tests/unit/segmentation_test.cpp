@@ -90,6 +90,7 @@ TEST_F(Segmentation, HistoryKeepsTheLastTenSamplesAndPrintsThemInStorageOrder) {
     zebusr_update_ht_node(nullptr, &e);
     zebusr_update_ht_node(node, nullptr);
     EXPECT_EQ(memcmp(&node->entry, &e, sizeof e), 0);
+    EXPECT_EQ(zt::count(log.messages(), "Invalid params\n"), 2u);
     std::vector<uint64_t> seen = {7};
     // The sum passes 2^32 and wraps nothing.
     for (uint64_t s :
