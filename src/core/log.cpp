@@ -3,7 +3,9 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <csignal>
 #include <cstdarg>
+#include <cstring>
 
 std::atomic<uint8_t> log_enabled{1};
 std::atomic<uint8_t> verbose_log_enabled{0};
@@ -13,15 +15,55 @@ std::atomic<FILE *> csv_fp{nullptr};
 
 static const char *const zebusr_level_words[] = {"HIGH", "ERR", "MED", "LOW"};
 
+// "%T" changes once a second, so each thread keeps its last text. A signal
+// handler that logs while its thread is in here formats afresh instead.
+struct zebusr_clock_cache {
+    time_t sec;
+    bool valid;
+    char text[ZEBUSR_CLOCK_LEN];
+};
+static thread_local zebusr_clock_cache zebusr_clock;
+static thread_local volatile sig_atomic_t zebusr_clock_busy;
+
+static void zebusr_clock_text(time_t sec, char *out) {
+    bool mine = !zebusr_clock_busy;
+    zebusr_clock_busy = 1;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (mine && zebusr_clock.valid && zebusr_clock.sec == sec) {
+        memcpy(out, zebusr_clock.text, ZEBUSR_CLOCK_LEN);
+    } else {
+        struct tm tm_local;
+        localtime_r(&sec, &tm_local);
+        strftime(out, ZEBUSR_CLOCK_LEN, "%T", &tm_local);
+        if (mine) {
+            memcpy(zebusr_clock.text, out, ZEBUSR_CLOCK_LEN);
+            zebusr_clock.sec = sec;
+            zebusr_clock.valid = true;
+        }
+    }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (mine)
+        zebusr_clock_busy = 0;
+}
+
 void zebusr_log_stamp(char *out) {
     struct timeval tv;
-    struct tm tm_local;
     char clock[ZEBUSR_CLOCK_LEN];
 
     gettimeofday(&tv, nullptr);
-    localtime_r(&tv.tv_sec, &tm_local);
-    strftime(clock, sizeof(clock), "%T", &tm_local);
-    snprintf(out, ZEBUSR_STAMP_LEN, "%s.%06lu", clock, static_cast<unsigned long>(tv.tv_usec));
+    zebusr_clock_text(tv.tv_sec, clock);
+    unsigned long usec = static_cast<unsigned long>(tv.tv_usec);
+    size_t n = strnlen(clock, sizeof(clock));
+    if (usec >= 1000000 || n + 8 > ZEBUSR_STAMP_LEN) {
+        snprintf(out, ZEBUSR_STAMP_LEN, "%s.%06lu", clock, usec);
+        return;
+    }
+    // "%s.%06lu" by hand: it is formatted for every line.
+    memcpy(out, clock, n);
+    out[n] = '.';
+    for (int i = 6; i >= 1; i--, usec /= 10)
+        out[n + static_cast<size_t>(i)] = char('0' + usec % 10);
+    out[n + 7] = '\0';
 }
 
 // LOW and MED test the verbose flag before the master switch and the stream.
@@ -33,26 +75,82 @@ static FILE *zebusr_log_gate(zebusr_log_level level) {
     return log_fp.load(std::memory_order_relaxed);
 }
 
+// Right-aligns `s` in `width` columns, like "%<width>s".
+static size_t zebusr_put_right(char *p, const char *s, size_t width) {
+    size_t n = strlen(s);
+    size_t pad = n < width ? width - n : 0;
+    memset(p, ' ', pad);
+    memcpy(p + pad, s, n);
+    return pad + n;
+}
+
+// The prefix "%16s %40s():%3u (%s): " by hand, into `p`; 0 when it might not fit.
+static size_t zebusr_log_prefix(char *p, size_t cap, const char *stamp, const char *func,
+                                unsigned line, const char *word) {
+    if (strlen(func) + 96 > cap)
+        return 0;
+    size_t n = zebusr_put_right(p, stamp, 16);
+    p[n++] = ' ';
+    n += zebusr_put_right(p + n, func, 40);
+    memcpy(p + n, "():", 3);
+    n += 3;
+    char digits[12];
+    size_t d = sizeof(digits);
+    do {
+        digits[--d] = char('0' + line % 10);
+        line /= 10;
+    } while (line);
+    for (size_t w = sizeof(digits) - d; w < 3; w++) p[n++] = ' ';
+    memcpy(p + n, digits + d, sizeof(digits) - d);
+    n += sizeof(digits) - d;
+    p[n++] = ' ';
+    p[n++] = '(';
+    n += zebusr_put_right(p + n, word, 0);
+    memcpy(p + n, "): ", 3);
+    return n + 3;
+}
+
+constexpr size_t ZEBUSR_LOG_LINE_MAX = 1024;
+
+// Kept out of line: most calls are verbose lines with verbose logging off,
+// and they should pay for the gate only.
+__attribute__((noinline)) static void zebusr_log_vwrite(FILE *fp, zebusr_log_level level,
+                                                        const char *func, unsigned line,
+                                                        const char *fmt, va_list ap) {
+    char stamp[ZEBUSR_STAMP_LEN];
+    zebusr_log_stamp(stamp);
+    // The line is built on the stack and handed to the stream in one piece;
+    // one too long for the buffer is written as before, in three parts.
+    char buf[ZEBUSR_LOG_LINE_MAX];
+    size_t n = zebusr_log_prefix(buf, sizeof(buf), stamp, func, line, zebusr_level_words[level]);
+    va_list again;
+    va_copy(again, ap);
+    int m = n ? vsnprintf(buf + n, sizeof(buf) - n, fmt, ap) : -1;
+
+    // Whole lines: no other thread's line can fall inside one.
+    flockfile(fp);
+    if (m >= 0 && static_cast<size_t>(m) + 1 < sizeof(buf) - n) {
+        buf[n + static_cast<size_t>(m)] = '\n';
+        fwrite(buf, 1, n + static_cast<size_t>(m) + 1, fp);
+    } else {
+        fprintf(fp, "%16s %40s():%3u (%s): ", stamp, func, line, zebusr_level_words[level]);
+        vfprintf(fp, fmt, again);
+        fprintf(fp, "\n");
+    }
+    va_end(again);
+    fflush(fp);
+    funlockfile(fp);
+}
+
 void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, const char *fmt,
                       ...) {
     FILE *fp = zebusr_log_gate(level);
     if (!fp)
         return;
-
-    char stamp[ZEBUSR_STAMP_LEN];
-    zebusr_log_stamp(stamp);
-    // Still three writes, but no other thread's line can fall between them.
-    flockfile(fp);
-    fprintf(fp, "%16s %40s():%3u (%s): ", stamp, func, line, zebusr_level_words[level]);
-
     va_list ap;
     va_start(ap, fmt);
-    vfprintf(fp, fmt, ap);
+    zebusr_log_vwrite(fp, level, func, line, fmt, ap);
     va_end(ap);
-
-    fprintf(fp, "\n");
-    fflush(fp);
-    funlockfile(fp);
 }
 
 void zebusr_start_logging(int) {
