@@ -147,25 +147,27 @@ TEST_F(Netlink, ReceiveTakesOnlyAWholeReplyAndThenAdvancesTheSequence) {
     };
     const char *bad = "netlink invalid family reply message\n";
     struct Case {
-        Bytes datagram;  // empty: nothing comes
+        bool comes;
+        Bytes datagram;
         int result;
         std::string log;
     } cases[] = {
-        {{}, -1, "recv error - len_recv < 0\n"},
-        {with_len(15, 15), -1, bad},      // shorter than a header
-        {with_len(24, 15), -1, bad},      // claims less than a header
-        {with_len(24, 25), -1, bad},      // claims more than came
-        {with_len(2000, 1045), -1, bad},  // cut to the buffer
-        {with_len(36, 36, 2), -1, "netlink received msg error for family resp\n"},
-        {with_len(16, 16), 0, ""},
-        {with_len(16, 16, 3), 0, ""},
-        {with_len(2000, 1044), 0, ""},
+        {false, {}, -1, "recv error - len_recv < 0\n"},
+        {true, {}, -1, bad},                    // an empty datagram
+        {true, with_len(15, 15), -1, bad},      // shorter than a header
+        {true, with_len(24, 15), -1, bad},      // claims less than a header
+        {true, with_len(24, 25), -1, bad},      // claims more than came
+        {true, with_len(2000, 1045), -1, bad},  // cut to the buffer
+        {true, with_len(36, 36, 2), -1, "netlink received msg error for family resp\n"},
+        {true, with_len(16, 16), 0, ""},
+        {true, with_len(16, 16, 3), 0, ""},
+        {true, with_len(2000, 1044), 0, ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.datagram.size());
         seq_num = 3;
         log.clear();
-        if (!c.datagram.empty())
+        if (c.comes)
             kernel.queue(c.datagram);
         EXPECT_EQ(recv(), c.result);
         EXPECT_EQ(seq_num, c.result == 0 ? 501u : 3u);

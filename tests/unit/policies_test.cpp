@@ -2,6 +2,9 @@
 // in what order, what a refusal leads to, where each search stops, and the
 // exact log lines of a decision.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <cstring>
 
 #include "core/log.h"
 #include "netlink/genl_family.h"
@@ -153,19 +156,31 @@ class Policies : public ::testing::Test {
     void TearDown() override {
         cap_list = nullptr;
         gflow_list = nullptr;
+        munmap(caps_, 8192);
+        munmap(flows_, 8192);
     }
+    // Each table ends where a page that cannot be read begins: a policy that
+    // reads past its 8 or 128 entries faults.
     void map(const std::vector<Cap> &caps, const std::vector<Flow> &flows, int list_len = -1) {
-        caps_ = zt::cap_table(caps);
-        flows_ = zt::flow_table(flows, list_len);
-        cap_list = reinterpret_cast<zebusr_cap_info *>(caps_.data());
-        gflow_list = reinterpret_cast<zebusr_flow_table *>(flows_.data());
+        cap_list = reinterpret_cast<zebusr_cap_info *>(at_page_end(caps_, zt::cap_table(caps)));
+        gflow_list = reinterpret_cast<zebusr_flow_table *>(
+            at_page_end(flows_, zt::flow_table(flows, list_len)));
+    }
+    static uint8_t *at_page_end(uint8_t *&pages, const zt::Bytes &table) {
+        if (!pages) {
+            pages = static_cast<uint8_t *>(
+                mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            mprotect(pages + 4096, 4096, PROT_NONE);
+        }
+        return static_cast<uint8_t *>(
+            memcpy(pages + 4096 - table.size(), table.data(), table.size()));
     }
     // What the policies themselves log, not the exchanges underneath.
     static std::string policy_lines(const zt::LogCapture &log) {
         return log.messages("zebusr_move_.*|zebusr_balance_gold_flows");
     }
     zt::FakeKernel kernel{&sk_fd};
-    zt::Bytes caps_, flows_;
+    uint8_t *caps_ = nullptr, *flows_ = nullptr;
 };
 
 class PolicyCases : public Policies, public ::testing::WithParamInterface<Case> {};

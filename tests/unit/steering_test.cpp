@@ -234,6 +234,23 @@ TEST_F(Steering, ReaderMappingFailureExitsWithStatusZero) {
               "mmap: No such device\nclosing gflow file\n");
 }
 
+// A table file may be descriptor 0 (a daemon may start with no stdin); a sync
+// that cannot be sent is exactly -1, the value that makes the loop reconnect.
+TEST_F(Steering, TableOnDescriptorZeroAndASyncThatCannotBeSent) {
+    int stdin_copy = dup(0);
+    close(0);
+    zt::write_table("dulox_zeb_caps", {});
+    EXPECT_EQ(zebusr_init_cap_file(), 0);
+    EXPECT_EQ(cap_fd, 0);
+    dup2(stdin_copy, 0);
+    close(stdin_copy);
+    sk_fd = -1;
+    EXPECT_EQ(zebusr_sync(), -1);
+    EXPECT_EQ(log.messages("zebusr_sync|zebusr_init_cap_file"),
+              "open pathname = /proc/zeb/dulox_zeb_caps\ncap_fd = 0 page size = " +
+                  std::to_string(page_size) + "\nnetlink failed to send to fd\n");
+}
+
 // Every way a connection attempt fails, each undone as far as it got; then a
 // cycle whose move up is accepted (no gold flows read), one that reads the
 // gold flows, and one whose sync is answered -1, which reconnects on a fresh
