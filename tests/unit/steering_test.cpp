@@ -242,13 +242,15 @@ TEST_F(Steering, TableOnDescriptorZeroAndASyncThatCannotBeSent) {
     zt::write_table("dulox_zeb_caps", {});
     EXPECT_EQ(zebusr_init_cap_file(), 0);
     EXPECT_EQ(cap_fd, 0);
+    EXPECT_EQ(zebusr_deinit_cap_file(), 0);
+    EXPECT_EQ(fcntl(0, F_GETFD), -1);
     dup2(stdin_copy, 0);
     close(stdin_copy);
     sk_fd = -1;
     EXPECT_EQ(zebusr_sync(), -1);
     EXPECT_EQ(log.messages("zebusr_sync|zebusr_init_cap_file"),
               "open pathname = /proc/zeb/dulox_zeb_caps\ncap_fd = 0 page size = " +
-                  std::to_string(page_size) + "\nnetlink failed to send to fd\n");
+                  std::to_string(page_size) + "\nclosing cap file\nnetlink failed to send to fd\n");
 }
 
 // Every way a connection attempt fails, each undone as far as it got; then a
