@@ -117,6 +117,8 @@ void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decis
          "set object 1 rect from graph 0, first -0.5 to graph 1, first 3.5 fc rgb '#eeeeee' "
          "fs solid behind\n";
     g << "plot ";
+    if (s.flows.empty())
+        g << "NaN notitle";
     for (size_t i = 0; i < s.flows.size(); ++i) {
         double off = (double(i) - double(s.flows.size() - 1) / 2) * 0.06;
         g << (i ? ", \\\n     " : "") << "'report/flows.dat' using 1:($" << i + 2 << "+(" << off
