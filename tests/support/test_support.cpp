@@ -240,8 +240,9 @@ struct Sandbox {
 
 Sandbox &the_sandbox() {
     static Sandbox *s = [] {
-        char tmpl[] = "/tmp/zebusr-sandbox-XXXXXX";
-        if (!mkdtemp(tmpl))
+        const char *tmp = getenv("TMPDIR");  // a device has no /tmp
+        std::string tmpl = std::string(tmp ? tmp : "/tmp") + "/zebusr-sandbox-XXXXXX";
+        if (!mkdtemp(tmpl.data()))
             throw std::runtime_error("mkdtemp");
         auto *made = new Sandbox{tmpl, getpid()};
         for (const char *d : {"/proc", "/proc/zeb", "/data", "/data/vendor", "/data/vendor/zebusr"})
