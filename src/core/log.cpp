@@ -110,6 +110,83 @@ static size_t zebusr_log_prefix(char *p, size_t cap, const char *stamp, const ch
     return n + 3;
 }
 
+// Writes `v` ending at `end`; returns where it begins. Decimal and hex apart,
+// so each divides by a constant.
+static char *zebusr_put_decimal(char *end, unsigned long long v) {
+    do {
+        *--end = char('0' + v % 10);
+        v /= 10;
+    } while (v);
+    return end;
+}
+
+static char *zebusr_put_hex(char *end, unsigned long long v) {
+    do {
+        *--end = "0123456789abcdef"[v & 15];
+        v >>= 4;
+    } while (v);
+    return end;
+}
+
+// The messages' own conversions (%d %i %u %x %s %%, with or without l) with
+// no flags, width or precision, by hand; -1 for anything else, a null string
+// or a text that does not fit, and vsnprintf formats it instead.
+static int zebusr_format_plain(char *out, size_t cap, const char *fmt, va_list ap) {
+    size_t n = 0;
+    char digits[24];
+    char *const end = digits + sizeof(digits);
+    for (const char *f = fmt; *f; f++) {
+        const char *text = f;
+        size_t len = 1;
+        if (*f != '%') {
+            // The literal run up to the next conversion, in one copy.
+            len = strcspn(f, "%");
+            f += len - 1;
+        } else {
+            bool is_long = f[1] == 'l';
+            f += is_long ? 2 : 1;
+            switch (*f) {
+                case 'd':
+                case 'i': {
+                    long long v = is_long ? va_arg(ap, long) : va_arg(ap, int);
+                    unsigned long long mag = static_cast<unsigned long long>(v);
+                    char *p = zebusr_put_decimal(end, v < 0 ? 0ULL - mag : mag);
+                    if (v < 0)
+                        *--p = '-';
+                    text = p;
+                    len = static_cast<size_t>(end - p);
+                    break;
+                }
+                case 'u':
+                case 'x': {
+                    unsigned long long v =
+                        is_long ? va_arg(ap, unsigned long) : va_arg(ap, unsigned);
+                    text = *f == 'u' ? zebusr_put_decimal(end, v) : zebusr_put_hex(end, v);
+                    len = static_cast<size_t>(end - text);
+                    break;
+                }
+                case 's':
+                    text = is_long ? nullptr : va_arg(ap, const char *);
+                    if (!text)
+                        return -1;
+                    len = strlen(text);
+                    break;
+                case '%':
+                    if (is_long)
+                        return -1;
+                    break;
+                default:
+                    return -1;
+            }
+        }
+        if (n + len >= cap)
+            return -1;
+        memcpy(out + n, text, len);
+        n += len;
+    }
+    return static_cast<int>(n);
+}
+
 constexpr size_t ZEBUSR_LOG_LINE_MAX = 1024;
 
 // Kept out of line: most calls are verbose lines with verbose logging off,
@@ -123,9 +200,13 @@ __attribute__((noinline)) static void zebusr_log_vwrite(FILE *fp, zebusr_log_lev
     // one too long for the buffer is written as before, in three parts.
     char buf[ZEBUSR_LOG_LINE_MAX];
     size_t n = zebusr_log_prefix(buf, sizeof(buf), stamp, func, line, zebusr_level_words[level]);
-    va_list again;
+    va_list plain, again;
+    va_copy(plain, ap);
     va_copy(again, ap);
-    int m = n ? vsnprintf(buf + n, sizeof(buf) - n, fmt, ap) : -1;
+    int m = n ? zebusr_format_plain(buf + n, sizeof(buf) - n, fmt, plain) : -1;
+    va_end(plain);
+    if (n && m < 0)
+        m = vsnprintf(buf + n, sizeof(buf) - n, fmt, ap);
 
     // Whole lines: no other thread's line can fall inside one.
     flockfile(fp);
