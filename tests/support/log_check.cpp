@@ -5,6 +5,11 @@
 #include <sstream>
 #include <vector>
 
+// Next to the test binary where the build does not name it (a device).
+#ifndef ZEBUSR_LOG_TABLE
+#define ZEBUSR_LOG_TABLE "log_lines.tsv"
+#endif
+
 namespace zt {
 
 namespace {

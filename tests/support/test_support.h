@@ -89,7 +89,8 @@ void note(const std::string &event);
 Lines events();  // and forgets them
 
 // A failure no kernel can be asked for. The first pending fault of a call
-// ("open", "socket", "bind", "setsockopt", "sendto", "mmap", "munmap") is
+// ("open", "socket", "bind", "setsockopt", "sendto", "mmap", "munmap", and
+// "malloc" of a flow history node) is
 // looked at when `match` is part of the call's path or table word ("caps",
 // "gflows", "ssflows"): it lets `skip` such calls pass, then fails `times`
 // of them with `err`, returning `result`.
