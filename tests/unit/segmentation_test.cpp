@@ -186,22 +186,6 @@ TEST_F(Segmentation, FastFlowIsAskedFromItsSecondCycleUntilAccepted) {
     EXPECT_EQ(log.messages(), "error 9 on sendto\nnetlink failed to send to fd\n");
 }
 
-TEST_F(Segmentation, SteadyFlowIsJudgedOnEveryFullHistoryFromItsTenthSample) {
-    std::vector<Cycle> cycles(9, Cycle{{{0x3003, kSteady}}, {}, {}});
-    cycles.push_back({{{0x3003, kSteady}}, {0}, {0x3003}});
-    cycles.push_back({{{0x3003, kSteady}}, {}, {}});  // stable: no dip
-    cycles.push_back({{{0x3003, kSteady * 2}}, {}, {}});
-    log.clear();
-    play(cycles);
-    std::string m = log.messages("zebusr_read_ss_flows");
-    m.erase(0, m.find("Flow w/"));
-    EXPECT_EQ(m.substr(0, m.find("####")),
-              "Flow w/ hash 0x3003 is stable\nDisabling segmentation for hash 0x3003\n");
-    EXPECT_EQ(m.substr(m.rfind("Flow w/")),
-              "Flow w/ hash 0x3003 is NOT stable\n"
-              "NOT DETECTING DIPS: Enabling segmentation for hash 0x3003\n");
-}
-
 // Nine samples at `prev`, then the tenth is judged against their average.
 TEST_F(Segmentation, StabilityBandIsAnInclusiveQuarterOfThePreviousAverage) {
     const uint64_t big = 1ull << 34;

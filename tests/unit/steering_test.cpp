@@ -189,37 +189,6 @@ TEST_F(Steering, GoldFlowsMoveDownBeforeTheyBalance) {
               "dulox_zeb_wq_balance_gold_flows done!\n");
 }
 
-// The walk's stops are logged verbose or not: by the reader, then again by
-// each policy that meets them.
-TEST_F(Steering, GoldFlowWalkStops) {
-    std::vector<Flow> flows;
-    for (uint32_t i = 0; i < 10; i++) flows.push_back({i == 5 ? 0 : 0xf0 + i, 4, 0, 1000 + i});
-    tables(zt::cap_table(zt::avg({0})), zt::flow_table(flows));
-    verbose_log_enabled = 0;
-    cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
-    EXPECT_EQ(zebusr_read_gold_flows(), 0);
-    EXPECT_EQ(log.messages(),
-              "Invalid hash, breaking\nInvalid hash, breaking\nInvalid hash, breaking\n");
-    verbose_log_enabled = 1;
-    log.clear();
-    EXPECT_EQ(zebusr_read_gold_flows(), 0);
-    std::string walk = log.messages("zebusr_read_gold_flows");
-    EXPECT_EQ(walk.substr(walk.find("0xf4")),
-              "0xf4 on cpu[4] with rx_pps = 1004 | avg pps = 0\n"
-              "Invalid hash, breaking\nNo gold flows were moved\n");
-
-    std::vector<Flow> many;
-    for (uint32_t i = 0; i < 128; i++) many.push_back({0x100 + i, 4, 0});
-    tables(zt::cap_table(zt::avg({0})), zt::flow_table(many, 200));
-    cap_list = static_cast<zebusr_cap_info *>(zebusr_table_mmap(cap_fd));
-    EXPECT_EQ(zebusr_read_gold_flows(), 0);
-    walk = log.messages("zebusr_read_gold_flows");
-    EXPECT_EQ(walk.substr(walk.find("0x17f")),
-              "0x17f on cpu[4] with rx_pps = 0 | avg pps = 0\n"
-              "Max user flows reached\nNo gold flows were moved\n");
-    EXPECT_EQ(std::count(walk.begin(), walk.end(), '\n'), 2 + 128 + 2);
-}
-
 // No retry: the reader logs, closes its file and ends the process with 0.
 TEST_F(Steering, ReaderMappingFailureExitsWithStatusZero) {
     tables(zt::cap_table({}), zt::flow_table({}));
