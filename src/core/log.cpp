@@ -191,9 +191,9 @@ constexpr size_t ZEBUSR_LOG_LINE_MAX = 1024;
 
 // Kept out of line: most calls are verbose lines with verbose logging off,
 // and they should pay for the gate only.
-__attribute__((noinline)) static void zebusr_log_vwrite(FILE *fp, zebusr_log_level level,
-                                                        const char *func, unsigned line,
-                                                        const char *fmt, va_list ap) {
+__attribute__((noinline, format(printf, 5, 0))) static void zebusr_log_vwrite(
+    FILE *fp, zebusr_log_level level, const char *func, unsigned line, const char *fmt,
+    va_list ap) {
     char stamp[ZEBUSR_STAMP_LEN];
     zebusr_log_stamp(stamp);
     // The line is built on the stack and handed to the stream in one piece;
