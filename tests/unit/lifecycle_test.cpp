@@ -9,6 +9,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <climits>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -109,6 +110,29 @@ TEST_F(Lifecycle, LinesKeepTheirColumnsAtEveryLength) {
     fake_now = {-1, 0};
     EXPECT_EQ(log.text(), want);
     log.clear();
+}
+
+// Numbers and texts come out as printf writes them, at their extremes.
+TEST_F(Lifecycle, MessagesReadAsPrintfWritesThem) {
+    verbose_log_enabled = 1;
+    std::string want;
+    auto both = [&](zebusr_log_level level, const char *func, const char *fmt, auto... args) {
+        zebusr_log_write(level, func, 1, fmt, args...);
+        char text[256];
+        snprintf(text, sizeof text, fmt, args...);
+        want += std::string(text) + "\n";
+    };
+    const char *ret = "  kernel seq_num %d return code: %d";
+    both(ZEBUSR_LOG_LOW, "zebusr_genl_recv_int_from_kernel", ret, INT_MIN, -1);
+    both(ZEBUSR_LOG_LOW, "zebusr_genl_recv_int_from_kernel", ret, INT_MAX, 0);
+    both(ZEBUSR_LOG_MED, "zebusr_genl_init_sock", "DULOX Family id = %u", UINT_MAX);
+    both(ZEBUSR_LOG_LOW, "zebusr_read_ss_flows", "Flow w/ hash 0x%x is stable", 0xfedcba98u);
+    both(ZEBUSR_LOG_LOW, "zebusr_read_ss_flows", "Flow w/ hash 0x%x is stable", 0u);
+    both(ZEBUSR_LOG_LOW, "zebusr_read_capacities",
+         "  ZEB_CAPS: > cpu[%d] with pps capacity = %lu | avg pps cap = %lu bps = %lu", -7,
+         ULONG_MAX, 0UL, 1234567890123UL);
+    both(ZEBUSR_LOG_ERR, "zebusr_read_ss_flows", "mmap: %s", "");
+    EXPECT_EQ(log.messages(), want);
 }
 
 // SIGUSR1 turns verbose logging and a fresh capture on (a second one starts
