@@ -163,7 +163,9 @@ std::string LogCapture::messages(const std::string &func) const {
     return out;
 }
 
+// What is cleared away has been checked all the same.
 void LogCapture::clear() {
+    EXPECT_EQ(check_log(text()), "");
     FILE *fp = log_fp.load();
     if (fp) {
         fflush(fp);

@@ -83,6 +83,9 @@ std::string sandbox();
 // Writes a 4096-byte table file under sandbox()/proc/zeb.
 void write_table(const std::string &name, const Bytes &content);
 
+// Whether sleep() waits (for a whole daemon left running in a death test).
+extern bool real_sleeps;
+
 // Events a test wants in order, even from a death test's child: kept in a
 // file under the sandbox. sleep() never waits and notes "sleep N".
 void note(const std::string &event);
