@@ -176,6 +176,10 @@ TEST_F(Segmentation, FastFlowIsAskedFromItsSecondCycleUntilAccepted) {
     });
     EXPECT_EQ(zebusr_ht_find_node(0x7007), nullptr) << "a zero rate never creates";
     const std::string m = log.messages("zebusr_read_ss_flows");
+    EXPECT_EQ(zt::count(m,
+                        "  ZEB_SLOW: > ss flow 0x1001 on cpu[2] with rx_pps = 7 | avg pps = "
+                        "25000 | rx_bps = 300000000\n"),
+              7u);
     EXPECT_EQ(zt::count(m, "Disabling segmentation for hash 0x1001\n"), 4u);
     EXPECT_EQ(zt::count(m, "NOT DETECTING DIPS: Enabling segmentation for hash 0x1001\n"), 1u);
     EXPECT_EQ(zt::count(m, "Disabling segmentation for hash 0x22"), 0u);
