@@ -68,18 +68,13 @@ class Steering : public ::testing::Test {
 };
 
 struct Table {
-    const char *word, *file;
-    std::atomic<int> *fd;
-    int (*init)(), (*deinit)(), (*unmap)();
+    const char *word;
     void (*set_mapping)(void *);
 };
 const Table kTables[] = {
-    {"cap", "dulox_zeb_caps", &cap_fd, zebusr_init_cap_file, zebusr_deinit_cap_file,
-     zebusr_munmap_caps, [](void *p) { cap_list = static_cast<zebusr_cap_info *>(p); }},
-    {"gflow", "dulox_zeb_flows", &gflow_fd, zebusr_init_gflow_file, zebusr_deinit_gflow_file,
-     zebusr_munmap_gflows, [](void *p) { gflow_list = static_cast<zebusr_flow_table *>(p); }},
-    {"ssflow", "dulox_zeb_ss_flows", &ssflow_fd, zebusr_init_ssflow_file, zebusr_deinit_ssflow_file,
-     zebusr_munmap_ssflows, [](void *p) { ssflow_list = static_cast<zebusr_flow_table *>(p); }},
+    {"cap", [](void *p) { cap_list = static_cast<zebusr_cap_info *>(p); }},
+    {"gflow", [](void *p) { gflow_list = static_cast<zebusr_flow_table *>(p); }},
+    {"ssflow", [](void *p) { ssflow_list = static_cast<zebusr_flow_table *>(p); }},
 };
 
 // In the order caps, gold flows, slow-start flows; a failure ends the process
