@@ -147,7 +147,12 @@ extern "C" int bind(int fd, const sockaddr *addr, socklen_t len) {
     long result;
     if (take("bind", "", &result))
         return static_cast<int>(result);
-    return is_fake(fd) ? 0 : static_cast<int>(syscall(SYS_bind, fd, addr, len));
+    if (!is_fake(fd))
+        return static_cast<int>(syscall(SYS_bind, fd, addr, len));
+    // The daemon joins no multicast group.
+    if (last_bind_addr.size() != 12 || get_u32(last_bind_addr, 8) != 0)
+        note("bind to groups");
+    return 0;
 }
 
 // A fake socket keeps its short time-out.

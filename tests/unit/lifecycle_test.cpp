@@ -17,6 +17,7 @@
 
 #include "core/log.h"
 #include "netlink/genl_family.h"
+#include "netlink/nl_msg.h"
 #include "steering/tables.h"
 #include "test_support.h"
 
@@ -37,6 +38,7 @@ class Lifecycle : public ::testing::Test {
 };
 
 TEST_F(Lifecycle, LineHasItsPrefixAndOnlyMedAndLowWaitForVerbose) {
+    EXPECT_EQ(seq_num.load(), 0u);  // the first request of a run carries 0
     struct Case {
         uint8_t enabled, verbose;
         bool stream;

@@ -112,7 +112,6 @@ TEST_F(Steering, CapacitiesAreLoggedInTableOrderAndCapturedByCpu) {
     seq_num = 77;
 
     EXPECT_EQ(zebusr_read_capacities(), -1);
-    zebusr_stop_logging(SIGUSR2);
     EXPECT_EQ(zt::events(), Lines{"mmap caps"});
     EXPECT_EQ(log.messages("zebusr_read_capacities"),
               R"(################## CAP FILE CONTENTS #################
@@ -136,6 +135,7 @@ TEST_F(Steering, CapacitiesAreLoggedInTableOrderAndCapturedByCpu) {
                  R"(\d\d:\d\d:\d\d\.\d{6},77,100088,100022,0,100033,100044,100055,100066,100077)")))
         << row;
     EXPECT_FALSE(std::getline(csv, more));
+    zebusr_stop_logging(SIGUSR2);  // only now: the row is on file while the stream is open
 }
 
 // The result follows the policy. CPU 8 is checked only in verbose mode:
