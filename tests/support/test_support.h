@@ -1,6 +1,6 @@
 // Fixtures shared by the unit suites: byte writers for wire images, a
 // captured log, a fake kernel on a socketpair, a sandbox for the daemon's
-// fixed paths and a sleep() that only records.
+// fixed paths, and the system calls the suites stand in for (syscalls.cpp).
 #pragma once
 
 #include <atomic>
