@@ -1,6 +1,6 @@
 // What every harness shares: a kernel stand-in on a socketpair, a table
-// page behind a memfd, a reader over the fuzz bytes and the log sent to
-// /dev/null. Header only; each harness is one small file.
+// page behind a memfd, a reader over the fuzz bytes and a log that discards
+// its lines. Header only; each harness is one small file.
 #pragma once
 
 #include <errno.h>

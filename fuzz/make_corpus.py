@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Writes the seed corpora under fuzz/corpus/<harness>/ from the documented
-wire and table layouts: valid replies and tables, and the edges of each.
-Run it again after changing an input format; fuzzing adds files beside these."""
+wire and table layouts: valid replies and tables, and the edges of each, as
+seed_* files. The found_* files beside them come from fuzzing (a merge with
+-use_counters=0 that kept only inputs reaching new code); after a change of
+an input format they must be dropped or rewritten too."""
 import os
 import struct
 import sys
