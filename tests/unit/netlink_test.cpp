@@ -54,7 +54,7 @@ TEST_F(Netlink, RequestsHaveTheirDocumentedBytes) {
          zt::request_image(36, kZebId, 9, 2, 16, 3)},
         {[](zebusr_nl_msg *m) {
              zebusr_create_genl_msg(m, ZEBUSR_GENL_ID_CTRL, ZEBUSR_CTRL_CMD_GETFAMILY);
-             zebusr_genl_set_family_attr(m, ZEBUSR_GENL_FAMILY_ZEB);
+             EXPECT_EQ(zebusr_genl_set_family_attr(m, ZEBUSR_GENL_FAMILY_ZEB), 0);
          },
          zt::request_image(36, 16, 9, 3, 14, 2)},
         {[](zebusr_nl_msg *m) {

@@ -110,6 +110,8 @@ const Case kCases[] = {
     Case("BalRefusalTriesOtherGoldThenFlow", bal, gold({0, I, I, I}),
          {{0xa, 4, 100}, {0xb, 4, 100}, {0xc, 4, 100}}, {1, -1, 3, 0},
          {{0xb, BAL, 4, 5}, {0xb, BAL, 4, 6}, {0xb, BAL, 4, 7}, {0xc, BAL, 4, 5}}, 0),
+    Case("BalDestAtIndexZero", bal, avg({I, 0, 0, 0, 0, 0, 0, 0}, {5, 0, 1, 2, 3, 4, 6, 7}),
+         on4(100), {0}, {{0xb, BAL, 4, 5}}, 0),
     Case("BalFirstFlowPerCpuInterleaved", bal, gold({0, 0, I, 0}),
          {{0xa, 4, 100}, {0xb, 5, 100}, {0xc, 5, 100}, {0xd, 4, 100}}, {2, 0},
          {{0xc, BAL, 5, 6}, {0xd, BAL, 4, 6}}, 0),
