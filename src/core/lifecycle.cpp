@@ -15,7 +15,7 @@
 
 // The workers block the handled signals, so every handler runs on the main
 // thread, which does nothing but wait in joins.
-static void zebusr_handled_signals(sigset_t *set) {
+void zebusr_handled_signals(sigset_t *set) {
     sigemptyset(set);
     sigaddset(set, SIGTERM);
     sigaddset(set, SIGINT);
@@ -109,9 +109,13 @@ void zebusr_cleanup(void) {
     close(sk_fd.load(std::memory_order_relaxed));
     ZLOG(HIGH, "Cleanup Complete");
     if (log_enabled.load(std::memory_order_relaxed)) {
-        // Forget the stream first so that a worker still running sees no log.
+        // Forgotten under the lock: a worker still running sees no log
+        // rather than a stream being closed under its line.
+        sigset_t saved;
+        zebusr_streams_lock(&saved);
         FILE *fp = log_fp.exchange(nullptr, std::memory_order_relaxed);
         if (fp)
             fclose(fp);
+        zebusr_streams_unlock(&saved);
     }
 }

@@ -1,17 +1,35 @@
 #include "core/log.h"
 
+#include <pthread.h>
 #include <sys/time.h>
 #include <time.h>
 
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
+#include <mutex>
+
+#include "core/lifecycle.h"
 
 std::atomic<uint8_t> log_enabled{1};
 std::atomic<uint8_t> verbose_log_enabled{0};
 std::atomic<uint8_t> csv_log_enabled{0};
 std::atomic<FILE *> log_fp{nullptr};
 std::atomic<FILE *> csv_fp{nullptr};
+
+static std::mutex zebusr_streams_mutex;
+
+void zebusr_streams_lock(sigset_t *saved) {
+    sigset_t handled;
+    zebusr_handled_signals(&handled);
+    pthread_sigmask(SIG_BLOCK, &handled, saved);
+    zebusr_streams_mutex.lock();
+}
+
+void zebusr_streams_unlock(const sigset_t *saved) {
+    zebusr_streams_mutex.unlock();
+    pthread_sigmask(SIG_SETMASK, saved, nullptr);
+}
 
 static const char *const zebusr_level_words[] = {"HIGH", "ERR", "MED", "LOW"};
 
@@ -65,6 +83,7 @@ void zebusr_log_stamp(char *out) {
 }
 
 // LOW and MED test the verbose flag before the master switch and the stream.
+// Called again under the lock, since the stream may have closed meanwhile.
 static FILE *zebusr_log_gate(zebusr_log_level level) {
     if ((level == ZEBUSR_LOG_MED || level == ZEBUSR_LOG_LOW) && !zebusr_verbose())
         return nullptr;
@@ -189,9 +208,8 @@ constexpr size_t ZEBUSR_LOG_LINE_MAX = 1024;
 
 // Kept out of line: most calls are verbose lines with verbose logging off,
 // and they should pay for the gate only.
-__attribute__((noinline, format(printf, 5, 0))) static void zebusr_log_vwrite(
-    FILE *fp, zebusr_log_level level, const char *func, unsigned line, const char *fmt,
-    va_list ap) {
+__attribute__((noinline, format(printf, 4, 0))) static void zebusr_log_vwrite(
+    zebusr_log_level level, const char *func, unsigned line, const char *fmt, va_list ap) {
     char stamp[ZEBUSR_STAMP_LEN];
     zebusr_log_stamp(stamp);
     // The line is built on the stack and handed to the stream in one piece;
@@ -207,28 +225,30 @@ __attribute__((noinline, format(printf, 5, 0))) static void zebusr_log_vwrite(
         m = vsnprintf(buf + n, sizeof(buf) - n, fmt, ap);
 
     // Whole lines: no other thread's line can fall inside one.
-    flockfile(fp);
-    if (m >= 0 && static_cast<size_t>(m) + 1 < sizeof(buf) - n) {
+    sigset_t saved;
+    zebusr_streams_lock(&saved);
+    FILE *fp = zebusr_log_gate(level);
+    if (fp && m >= 0 && static_cast<size_t>(m) + 1 < sizeof(buf) - n) {
         buf[n + static_cast<size_t>(m)] = '\n';
         fwrite(buf, 1, n + static_cast<size_t>(m) + 1, fp);
-    } else {
+    } else if (fp) {
         fprintf(fp, "%16s %40s():%3u (%s): ", stamp, func, line, zebusr_level_words[level]);
         vfprintf(fp, fmt, again);
         fprintf(fp, "\n");
     }
+    if (fp)
+        fflush(fp);
+    zebusr_streams_unlock(&saved);
     va_end(again);
-    fflush(fp);
-    funlockfile(fp);
 }
 
 void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, const char *fmt,
                       ...) {
-    FILE *fp = zebusr_log_gate(level);
-    if (!fp)
+    if (!zebusr_log_gate(level))
         return;
     va_list ap;
     va_start(ap, fmt);
-    zebusr_log_vwrite(fp, level, func, line, fmt, ap);
+    zebusr_log_vwrite(level, func, line, fmt, ap);
     va_end(ap);
 }
 
@@ -237,27 +257,34 @@ void zebusr_start_logging(int) {
     verbose_log_enabled.store(1, std::memory_order_relaxed);
 
     // An earlier stream is neither tested nor closed: a second SIGUSR1 simply
-    // truncates the capture and starts it over.
+    // truncates the capture and starts it over. The header goes out before
+    // the capture is switched on, so no row can come first.
+    sigset_t saved;
+    zebusr_streams_lock(&saved);
     FILE *fp = fopen(ZEBUSR_CSV_PATH, "w+");
     csv_fp.store(fp, std::memory_order_relaxed);
     if (fp) {
-        csv_log_enabled.store(1, std::memory_order_relaxed);
-        ZLOG(HIGH, "CSV File opened");
         fprintf(fp, ZEBUSR_CSV_HEADER);
         fflush(fp);
-    } else {
-        csv_log_enabled.store(0, std::memory_order_relaxed);
-        ZLOG(ERR, "Unable to open csv logging file");
     }
+    csv_log_enabled.store(fp ? 1 : 0, std::memory_order_relaxed);
+    zebusr_streams_unlock(&saved);
+    if (fp)
+        ZLOG(HIGH, "CSV File opened");
+    else
+        ZLOG(ERR, "Unable to open csv logging file");
 }
 
 void zebusr_stop_logging(int) {
     ZLOG(HIGH, "Stopping verbose logging");
     verbose_log_enabled.store(0, std::memory_order_relaxed);
-    csv_log_enabled.store(0, std::memory_order_relaxed);
     // The stream pointer is forgotten so that a second SIGUSR2, or one before
     // any SIGUSR1, cannot hand fclose a dead or absent stream.
+    sigset_t saved;
+    zebusr_streams_lock(&saved);
+    csv_log_enabled.store(0, std::memory_order_relaxed);
     FILE *fp = csv_fp.exchange(nullptr, std::memory_order_relaxed);
     if (fp)
         fclose(fp);
+    zebusr_streams_unlock(&saved);
 }

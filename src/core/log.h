@@ -2,6 +2,8 @@
 // every thread and by the signal handlers.
 #pragma once
 
+#include <signal.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -48,6 +50,12 @@ void zebusr_log_write(zebusr_log_level level, const char *func, unsigned line, c
 // A helper's line carries the name of the function its message belongs to,
 // so the log reads the same however the work is split.
 #define ZLOG_AS(level, func, ...) zebusr_log_write(ZEBUSR_LOG_##level, func, __LINE__, __VA_ARGS__)
+
+// Held around every use of log_fp and csv_fp that may race with their
+// closing, with the handled signals blocked meanwhile: a handler never waits
+// on a lock its own thread holds.
+void zebusr_streams_lock(sigset_t *saved);
+void zebusr_streams_unlock(const sigset_t *saved);
 
 void zebusr_start_logging(int signum);
 void zebusr_stop_logging(int signum);

@@ -50,19 +50,23 @@ static void zebusr_caps_log(void) {
     }
 }
 
-// Columns go by CPU number, not by table position.
+// Columns go by CPU number, not by table position. Under the streams' lock:
+// SIGUSR2 may be closing the capture.
 static void zebusr_caps_csv_write(const zebusr_cap_info by_cpu[ZEBUSR_NUM_CPUS]) {
+    sigset_t saved;
+    zebusr_streams_lock(&saved);
     FILE *fp = csv_fp.load(std::memory_order_relaxed);
-    if (!csv_log_enabled.load(std::memory_order_relaxed) || !fp)
-        return;
-
-    char stamp[ZEBUSR_STAMP_LEN];
-    zebusr_log_stamp(stamp);
-    fprintf(fp, "%s,%u,%lu,%lu,%lu,%lu,%lu,%lu,%lu,%lu\n", stamp,
-            seq_num.load(std::memory_order_relaxed), by_cpu[0].pps_capacity, by_cpu[1].pps_capacity,
-            by_cpu[2].pps_capacity, by_cpu[3].pps_capacity, by_cpu[4].pps_capacity,
-            by_cpu[5].pps_capacity, by_cpu[6].pps_capacity, by_cpu[7].pps_capacity);
-    fflush(fp);
+    if (csv_log_enabled.load(std::memory_order_relaxed) && fp) {
+        char stamp[ZEBUSR_STAMP_LEN];
+        zebusr_log_stamp(stamp);
+        fprintf(fp, "%s,%u,%lu,%lu,%lu,%lu,%lu,%lu,%lu,%lu\n", stamp,
+                seq_num.load(std::memory_order_relaxed), by_cpu[0].pps_capacity,
+                by_cpu[1].pps_capacity, by_cpu[2].pps_capacity, by_cpu[3].pps_capacity,
+                by_cpu[4].pps_capacity, by_cpu[5].pps_capacity, by_cpu[6].pps_capacity,
+                by_cpu[7].pps_capacity);
+        fflush(fp);
+    }
+    zebusr_streams_unlock(&saved);
 }
 
 int zebusr_read_capacities(void) {

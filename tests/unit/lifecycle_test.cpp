@@ -178,6 +178,28 @@ Unable to open csv logging file
 )");
 }
 
+// A worker's lines against SIGUSR1/SIGUSR2 and the clean-up on the main
+// thread: lines stay whole, none follows the clean-up, and ASan sees any
+// use of a closed stream.
+TEST_F(Lifecycle, StreamsCloseOnlyBetweenLines) {
+    std::atomic<bool> done{false};
+    std::thread worker([&] {
+        while (!done)
+            zebusr_log_write(ZEBUSR_LOG_HIGH, "zebusr_sig_handler", 1, "Signal Handler Invoked!");
+    });
+    for (int i = 0; i < 200; i++) {
+        zebusr_start_logging(SIGUSR1);
+        zebusr_stop_logging(SIGUSR2);
+    }
+    cap_fd = gflow_fd = ssflow_fd = sk_fd = -1;
+    zebusr_cleanup();
+    const std::string closed = log.text();
+    done = true;
+    worker.join();
+    EXPECT_EQ(log.text(), closed);
+    EXPECT_EQ(zt::count(closed, "Cleanup Complete"), 1u);
+}
+
 // Runs after zebusr_cleanup (handlers run in reverse): which descriptors the
 // clean-up closed.
 int watched[5];
