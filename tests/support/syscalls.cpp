@@ -4,6 +4,7 @@
 // as events.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -13,6 +14,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <set>
 
 #include "netlink/genl_family.h"
 #include "segmentation/flow_history.h"
@@ -125,10 +128,20 @@ extern "C" int open(const char *path, int flags, ...) {
     return static_cast<int>(fd);
 }
 
+// Streams on files in the sandbox: the daemon's log and capture, and the
+// suites' stand-in logs. Their flushes and closes are checked below.
+static std::mutex watched_mu;
+static std::set<FILE *> watched_streams;
+
 extern "C" FILE *fopen(const char *path, const char *mode) {
     using fopen_fn = FILE *(*)(const char *, const char *);
     static fopen_fn real = reinterpret_cast<fopen_fn>(dlsym(RTLD_NEXT, "fopen"));
-    return real(redirect(path).c_str(), mode);
+    std::string where = redirect(path);
+    FILE *fp = real(where.c_str(), mode);
+    std::lock_guard<std::mutex> lock(watched_mu);
+    if (fp && where.starts_with(sandbox()))
+        watched_streams.insert(fp);
+    return fp;
 }
 
 extern "C" int socket(int domain, int type, int protocol) {
@@ -190,6 +203,46 @@ extern "C" void *__wrap_malloc(size_t n) {
     long refused;
     return n == sizeof(zebusr_ht_node) && take("malloc", "", &refused) ? nullptr : __real_malloc(n);
 }
+
+// --wrap too: the daemon flushes and closes its streams only under the
+// streams' lock, which holds the handled signals off. The suites' own
+// closes and flushes of a stand-in log go through the zt:: calls below.
+static void check_stream_locked(FILE *fp, const char *call, bool closing) {
+    std::lock_guard<std::mutex> lock(watched_mu);
+    if (!watched_streams.count(fp))
+        return;
+    if (closing)
+        watched_streams.erase(fp);
+    sigset_t now;
+    pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    if (!sigismember(&now, SIGUSR2)) {
+        fprintf(stderr, "%s of a stream outside the streams' lock\n", call);
+        abort();
+    }
+}
+
+extern "C" int __real_fflush(FILE *fp);
+extern "C" int __wrap_fflush(FILE *fp) {
+    check_stream_locked(fp, "fflush", false);
+    return __real_fflush(fp);
+}
+
+extern "C" int __real_fclose(FILE *fp);
+extern "C" int __wrap_fclose(FILE *fp) {
+    check_stream_locked(fp, "fclose", true);
+    return __real_fclose(fp);
+}
+
+namespace zt {
+int close_own_stream(FILE *fp) {
+    std::lock_guard<std::mutex> lock(watched_mu);
+    watched_streams.erase(fp);
+    return __real_fclose(fp);
+}
+int flush_own_stream(FILE *fp) {
+    return __real_fflush(fp);
+}
+}  // namespace zt
 
 extern "C" void *mmap(void *addr, size_t len, int prot, int flags, int fd, off_t off) {
     const char *t = table_of_fd(fd);

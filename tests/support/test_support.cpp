@@ -129,7 +129,7 @@ LogCapture::~LogCapture() {
     EXPECT_EQ(check_log(text()), "");
     FILE *fp = log_fp.exchange(nullptr);
     if (fp)
-        fclose(fp);
+        close_own_stream(fp);
     verbose_log_enabled = 0;
     unlink(path_.c_str());
 }
@@ -168,7 +168,7 @@ void LogCapture::clear() {
     EXPECT_EQ(check_log(text()), "");
     FILE *fp = log_fp.load();
     if (fp) {
-        fflush(fp);
+        flush_own_stream(fp);
         if (ftruncate(fileno(fp), 0) != 0)
             throw std::runtime_error("ftruncate");
         rewind(fp);

@@ -85,6 +85,9 @@ void write_table(const std::string &name, const Bytes &content);
 
 // Whether sleep() waits (for a whole daemon left running in a death test).
 extern bool real_sleeps;
+// A suite's own streams, which the check on the daemon's (syscalls.cpp) leaves alone.
+int close_own_stream(FILE *fp);
+int flush_own_stream(FILE *fp);
 
 // Events a test wants in order, even from a death test's child: kept in a
 // file under the sandbox. sleep() never waits and notes "sleep N".

@@ -116,7 +116,7 @@ TEST_F(Lifecycle, LinesKeepTheirColumnsAtEveryLength) {
     std::string got(want.size() + 1, '\0');
     rewind(own);
     got.resize(fread(got.data(), 1, got.size(), own));
-    fclose(own);
+    zt::close_own_stream(own);
     EXPECT_EQ(got, want);
 }
 
@@ -178,15 +178,20 @@ Unable to open csv logging file
 )");
 }
 
-// A worker's lines against SIGUSR1/SIGUSR2 and the clean-up on the main
-// thread: lines stay whole, none follows the clean-up, and ASan sees any
-// use of a closed stream.
+// A worker's lines wait for the streams' lock, then take turns with
+// SIGUSR1/SIGUSR2 and the clean-up on the main thread: lines stay whole,
+// none follows the clean-up, and ASan sees any use of a closed stream.
 TEST_F(Lifecycle, StreamsCloseOnlyBetweenLines) {
     std::atomic<bool> done{false};
+    sigset_t saved;
+    zebusr_streams_lock(&saved);
     std::thread worker([&] {
         while (!done)
             zebusr_log_write(ZEBUSR_LOG_HIGH, "zebusr_sig_handler", 1, "Signal Handler Invoked!");
     });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(log.text(), "");  // the worker waits for the lock
+    zebusr_streams_unlock(&saved);
     for (int i = 0; i < 200; i++) {
         zebusr_start_logging(SIGUSR1);
         zebusr_stop_logging(SIGUSR2);
