@@ -38,7 +38,7 @@ const FaultPlan *Module::fault(FaultKind k, const Request &r, double t) {
 }
 
 Bytes Module::deform(const FaultPlan &f, Bytes proper, const Request &r,
-                     std::span<const uint8_t> raw) {
+                     std::span<const uint8_t> raw, double t) {
     switch (f.form) {
         case MalformedForm::Short:
             proper.resize(12);
@@ -49,9 +49,9 @@ Bytes Module::deform(const FaultPlan &f, Bytes proper, const Request &r,
         case MalformedForm::NlmsgError:
             return encode_error(r.hdr, raw.first(r.hdr.len), f.code);
         case MalformedForm::WrongSecondAttr:
-            return encode_family_reply(r.hdr, r.family,
-                                       r.family == "DULOX_ZEB" ? s_.ids.zeb : s_.ids.core,
-                                       r.family == "DULOX_ZEB" ? 3 : 2, false);
+            return encode_family_reply(
+                r.hdr, r.family, r.family == "DULOX_ZEB" ? s_.ids_at(t).zeb : s_.ids_at(t).core,
+                r.family == "DULOX_ZEB" ? 3 : 2, false);
         case MalformedForm::Oversize:
             proper.resize(2048, 0);
             put_u32(proper, 0, 2048);
@@ -100,18 +100,23 @@ Response Module::lookup(const Request &r, std::span<const uint8_t> raw, double t
     bool known = r.family == "DULOX_ZEB" || r.family == "DULOX_CORE";
     if (!known)
         return error_reply(r, raw, -ENOENT, "no family named " + r.family);
+    bool zeb = r.family == "DULOX_ZEB";
+    uint16_t id = zeb ? s_.ids_at(t).zeb : s_.ids_at(t).core;
+    if (id == 0) {
+        Response resp = error_reply(r, raw, -ENOENT, "family not registered: module restarting");
+        resp.out["fault"] = fault_note(*s_.last_restart(t));
+        return resp;
+    }
     if (const FaultPlan *f = fault(FaultKind::FamilyAbsent, r, t)) {
         Response resp = error_reply(r, raw, -ENOENT, "family not registered");
         resp.out["fault"] = fault_note(*f);
         return resp;
     }
-    bool zeb = r.family == "DULOX_ZEB";
-    uint16_t id = zeb ? s_.ids.zeb : s_.ids.core;
     Response resp;
     resp.replies.push_back(encode_family_reply(r.hdr, r.family, id, zeb ? 3 : 2));
     resp.out = {{"reply", "family"}, {"id", id}};
     if (const FaultPlan *f = fault(FaultKind::MalformedReply, r, t))
-        return apply_malformed(resp, f, deform(*f, resp.replies[0], r, raw));
+        return apply_malformed(resp, f, deform(*f, resp.replies[0], r, raw, t));
     return resp;
 }
 
@@ -133,7 +138,7 @@ Response Module::int_reply(const Request &r, std::span<const uint8_t> raw, doubl
         code = o.code;
         effect = o.effect;
     }
-    resp.replies.push_back(encode_int_reply(r.hdr, s_.ids.zeb, r.cmd, code));
+    resp.replies.push_back(encode_int_reply(r.hdr, r.hdr.type, r.cmd, code));
     resp.out = {{"reply", "code"}, {"code", code}};
     if (r.kind != Kind::Sync)
         resp.out["result"] = code == 0 ? "accepted" : "refused";
@@ -142,7 +147,7 @@ Response Module::int_reply(const Request &r, std::span<const uint8_t> raw, doubl
     if (forced)
         resp.out["fault"] = fault_note(*forced);
     if (const FaultPlan *f = fault(FaultKind::MalformedReply, r, t))
-        return apply_malformed(resp, f, deform(*f, resp.replies[0], r, raw));
+        return apply_malformed(resp, f, deform(*f, resp.replies[0], r, raw, t));
     return resp;
 }
 
@@ -167,9 +172,9 @@ Response Module::pid_bps(const Request &r, std::span<const uint8_t> raw, double 
     resp.out["valid"] = rec.valid;
     resp.out["timestamp"] = rec.timestamp;
     resp.out["list"] = list;
-    resp.replies.push_back(encode_pid_bps_reply(r.hdr, s_.ids.core, rec));
+    resp.replies.push_back(encode_pid_bps_reply(r.hdr, r.hdr.type, rec));
     if (const FaultPlan *f = fault(FaultKind::MalformedReply, r, t))
-        return apply_malformed(resp, f, deform(*f, resp.replies[0], r, raw));
+        return apply_malformed(resp, f, deform(*f, resp.replies[0], r, raw, t));
     return resp;
 }
 
@@ -268,14 +273,18 @@ void Module::describe(const Request &r, json &in) const {
 }
 
 Response Module::handle(std::span<const uint8_t> d, double t, json &in) {
-    Request r = decode_request(d, s_.ids);
+    Request r = decode_request(d, s_.ids_at(t));
     describe(r, in);
     if (r.kind == Kind::Malformed) {
         in["hex"] = hex(d);
         if (r.error == 0)
             return Response{
                 false, {}, {{"reply", "none"}, {"why", "the kernel drops such a message"}}};
-        return error_reply(r, d, r.error, r.problem);
+        Response resp = error_reply(r, d, r.error, r.problem);
+        // An id that a restart retired, as the kernel answers it.
+        if (const FaultPlan *f = s_.last_restart(t); f && r.error == -ENOENT)
+            resp.out["fault"] = fault_note(*f);
+        return resp;
     }
     if (r.kind != Kind::Lookup) {
         if (const FaultPlan *f = fault(FaultKind::Silent, r, t))

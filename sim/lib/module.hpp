@@ -36,7 +36,8 @@ class Module {
     Response int_reply(const Request &r, std::span<const uint8_t> raw, double t);
     Response pid_bps(const Request &r, std::span<const uint8_t> raw, double t);
     Response boost(const Request &r, double t);
-    Bytes deform(const FaultPlan &f, Bytes proper, const Request &r, std::span<const uint8_t> raw);
+    Bytes deform(const FaultPlan &f, Bytes proper, const Request &r, std::span<const uint8_t> raw,
+                 double t);
     void describe(const Request &r, nlohmann::ordered_json &in) const;
     nlohmann::ordered_json seen_suggestion(const SuggInfo &s) const;
     nlohmann::ordered_json seen_segmentation(uint32_t hash) const;

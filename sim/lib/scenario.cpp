@@ -44,6 +44,8 @@ const char *fault_kind_name(FaultKind k) {
             return "table_absent";
         case FaultKind::ThreadCreateFails:
             return "thread_create_fails";
+        case FaultKind::Restart:
+            return "restart";
     }
     return "?";
 }
@@ -53,6 +55,36 @@ int Scenario::thread_fail_nth() const {
         if (f.kind == FaultKind::ThreadCreateFails)
             return f.nth;
     return 0;
+}
+
+// Restarts are listed in time order and do not overlap (checked on loading).
+FamilyIds Scenario::ids_at(double t) const {
+    FamilyIds now = ids;
+    for (const auto &f : faults) {
+        if (f.kind != FaultKind::Restart || t < f.at_s)
+            continue;
+        bool down = t < f.at_s + f.down_s;
+        if (f.new_ids.zeb)
+            now.zeb = down ? 0 : f.new_ids.zeb;
+        if (f.new_ids.core)
+            now.core = down ? 0 : f.new_ids.core;
+    }
+    return now;
+}
+
+const FaultPlan *Scenario::restart_in(double from, double to) const {
+    for (const auto &f : faults)
+        if (f.kind == FaultKind::Restart && f.at_s > from && f.at_s <= to)
+            return &f;
+    return nullptr;
+}
+
+const FaultPlan *Scenario::last_restart(double t) const {
+    const FaultPlan *last = nullptr;
+    for (const auto &f : faults)
+        if (f.kind == FaultKind::Restart && f.at_s <= t)
+            last = &f;
+    return last;
 }
 
 namespace {
@@ -384,6 +416,19 @@ void parse_fault_body(const Place &p, const json &v, FaultPlan &f) {
             check_keys(p, v, {"kind", "nth"});
             f.nth = int(as_int(p.at("nth"), required(p, v, "nth"), 1, 1000));
             break;
+        case FaultKind::Restart: {
+            check_keys(p, v, {"kind", "at_s", "down_s", "family_ids"});
+            f.at_s = as_number(p.at("at_s"), required(p, v, "at_s"), 0, 1e9);
+            f.down_s = number(p, v, "down_s", 0, 0, 1e6);
+            const json &ids = required(p, v, "family_ids");
+            Place pi = p.at("family_ids");
+            check_keys(pi, ids, {"DULOX_ZEB", "DULOX_CORE"});
+            f.new_ids.zeb = uint16_t(integer(pi, ids, "DULOX_ZEB", 0, 17, 65535));
+            f.new_ids.core = uint16_t(integer(pi, ids, "DULOX_CORE", 0, 17, 65535));
+            if (!f.new_ids.zeb && !f.new_ids.core)
+                pi.fail("must name DULOX_ZEB, DULOX_CORE or both");
+            break;
+        }
     }
 }
 
@@ -398,7 +443,8 @@ FaultPlan parse_fault(const Place &p, const json &v) {
         {"pid_record", FaultKind::PidRecord},
         {"table_unmappable", FaultKind::TableUnmappable},
         {"table_absent", FaultKind::TableAbsent},
-        {"thread_create_fails", FaultKind::ThreadCreateFails}};
+        {"thread_create_fails", FaultKind::ThreadCreateFails},
+        {"restart", FaultKind::Restart}};
     std::string k = text(p, v, "kind");
     FaultPlan f;
     f.where = p.path.substr(1);
@@ -408,7 +454,7 @@ FaultPlan parse_fault(const Place &p, const json &v) {
         p.at("kind").fail(
             "\"" + k +
             "\" is not a fault kind (expected family_absent, silent, reply_code, malformed_reply, "
-            "pid_record, table_unmappable, table_absent or thread_create_fails)");
+            "pid_record, table_unmappable, table_absent, thread_create_fails or restart)");
     f.kind = it->second;
     f.from_s = number(p, v, "from_s", 0, 0, 1e9);
     f.to_s = number(p, v, "to_s", kForever, 0, 1e9);
@@ -440,6 +486,29 @@ void parse_family_ids(const Place &p, const json &v, Scenario &s) {
     s.ids.core = uint16_t(integer(p, v, "DULOX_CORE", s.ids.core, 17, 65535));
     if (s.ids.zeb == s.ids.core)
         p.fail("the two families need distinct ids");
+}
+
+// Each restart leaves two distinct ids and comes after the one before is over.
+void check_restarts(const Place &p, const Scenario &s) {
+    FamilyIds now = s.ids;
+    double free_from = 0;
+    for (size_t i = 0; i < s.faults.size(); ++i) {
+        const FaultPlan &f = s.faults[i];
+        if (f.kind != FaultKind::Restart)
+            continue;
+        Place pf = p.at(i);
+        if (f.at_s < free_from)
+            pf.at("at_s").fail(
+                "restarts must be listed in time order, each after the one before "
+                "is back");
+        free_from = f.at_s + f.down_s;
+        if (f.new_ids.zeb)
+            now.zeb = f.new_ids.zeb;
+        if (f.new_ids.core)
+            now.core = f.new_ids.core;
+        if (now.zeb == now.core)
+            pf.at("family_ids").fail("the two families need distinct ids");
+    }
 }
 
 std::string line_col(const std::string &text, size_t byte) {
@@ -488,6 +557,7 @@ Scenario parse_scenario(const std::string &text_in, const std::string &file) {
     s.flows = list<FlowPlan>(root, doc, "flows", parse_flow);
     s.processes = list<ProcessPlan>(root, doc, "processes", parse_process);
     s.faults = list<FaultPlan>(root, doc, "faults", parse_fault);
+    check_restarts(root.at("faults"), s);
     return s;
 }
 

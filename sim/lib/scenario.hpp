@@ -59,6 +59,7 @@ enum class FaultKind {
     TableUnmappable,
     TableAbsent,
     ThreadCreateFails,
+    Restart,
 };
 const char *fault_kind_name(FaultKind k);
 
@@ -80,6 +81,9 @@ struct FaultPlan {
     std::optional<int> list_len;
     std::string table;  // "caps", "flows" or "ss_flows"
     int nth = 0;        // thread_create_fails
+    double at_s = 0;    // restart: when the families unregister
+    double down_s = 0;  // restart: how long they stay away
+    FamilyIds new_ids;  // restart: 0 for a family that stays as it is
 };
 
 struct Scenario {
@@ -97,6 +101,12 @@ struct Scenario {
     std::vector<FaultPlan> faults;
 
     int thread_fail_nth() const;  // 0 when no thread fault
+    // The family ids registered at simulated second t: 0 for a family that a
+    // restart has taken away for the moment.
+    FamilyIds ids_at(double t) const;
+    // The first restart after `from` up to `to`, and the last one up to t.
+    const FaultPlan *restart_in(double from, double to) const;
+    const FaultPlan *last_restart(double t) const;
 };
 
 struct ScenarioError : std::runtime_error {

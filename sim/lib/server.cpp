@@ -296,7 +296,7 @@ bool Server::serve(Conn &c) {
     }
     double t = sim_now();
     std::span<const uint8_t> dgram(buf, size_t(n));
-    Request peek = decode_request(dgram, s_.ids);
+    Request peek = decode_request(dgram, s_.ids_at(t));
     if (peek.kind == Kind::Lookup && peek.family == "DULOX_ZEB")
         end_run();
     double tick = s_.tick_ms / 1000.0;
@@ -339,10 +339,38 @@ void Server::send_due() {
         Pending p = std::move(pending_[i]);
         pending_.erase(pending_.begin() + long(i));
         hold_to(t);  // sent late: the clock reads the reply's tick
+        // A module that went away meanwhile never answers.
+        if (const FaultPlan *f = s_.restart_in(p.in["t"].get<double>(), t)) {
+            Response lost{false, {}, {{"reply", "none"}, {"why", "module restarted"}}};
+            lost.out["fault"] = fault_note(*f);
+            send(p.fd, p.conn, lost, p.in, t);
+            continue;
+        }
         last_tick_ = p.tick;
         steady_conn_ = p.conn;
         set_cap(t + tick);
         send(p.fd, p.conn, p.resp, p.in, t);
+    }
+}
+
+void Server::note_restarts() {
+    double now = sim_now();
+    for (size_t i = 0; i < s_.faults.size(); ++i) {
+        const FaultPlan &f = s_.faults[i];
+        if (f.kind != FaultKind::Restart || now < f.at_s || restarts_noted_.count(i))
+            continue;
+        restarts_noted_.insert(i);
+        json ids = json::object();
+        if (f.new_ids.zeb)
+            ids["DULOX_ZEB"] = f.new_ids.zeb;
+        if (f.new_ids.core)
+            ids["DULOX_CORE"] = f.new_ids.core;
+        record({{"t", f.at_s},
+                {"dir", "event"},
+                {"kind", "module_restart"},
+                {"family_ids", ids},
+                {"down_s", f.down_s},
+                {"fault", fault_note(f)}});
     }
 }
 
@@ -388,6 +416,7 @@ void Server::run() {
             conns_.erase(it);
         }
         send_due();
+        note_restarts();
         if (!hold_ && !held_.empty()) {
             for (auto &h : held_) send(h.fd, h.conn, h.resp, h.in, sim_now());
             held_.clear();

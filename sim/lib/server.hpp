@@ -16,6 +16,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -96,6 +97,7 @@ class Server {
     bool serve(Conn &c);
     void send(int fd, int conn, const Response &r, const nlohmann::ordered_json &in, double t);
     void send_due();
+    void note_restarts();  // a transcript event for each restart passed
     std::chrono::steady_clock::time_point real_time_of(double sim_s) const;
     double wall_sim() const;  // simulated time by the wall clock, before the cap
     double hold_to(double sim_s);
@@ -128,6 +130,7 @@ class Server {
     std::atomic<uint64_t> syncs_{0};
     std::atomic<bool> hold_{false};
     std::vector<Pending> held_;
+    std::set<size_t> restarts_noted_;
 };
 
 }  // namespace sim
