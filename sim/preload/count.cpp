@@ -1,11 +1,13 @@
-// LD_PRELOAD library for the whole-process benchmark: counts heap
-// allocations per thread and records each thread's id, in the page
+// LD_PRELOAD library for the whole-process benchmark and the soak: counts
+// heap allocations per thread, records each thread's id and keeps the live
+// heap (usable bytes and blocks of every block not yet freed), in the page
 // "counters" of the run directory (ZEBUSR_SIM_RUNDIR) when that file exists.
 // Slot 0 is the main thread, slot n the thread of the n-th pthread_create.
 // Kept apart from the simulator's preload: an ASan daemon brings its own
 // malloc, which this one would shadow.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -27,17 +29,39 @@ namespace {
 
 constexpr int kSlots = 8;
 
+// Readers map this layout; new fields go at the end.
 struct Counters {
     uint64_t allocs[kSlots];
     int32_t tids[kSlots];
+    int64_t live_bytes;
+    int64_t live_blocks;
+    uint64_t frees;
 };
 
-Counters *page = nullptr;
+// Counted from the first allocation, before the page exists, so that a
+// block allocated early and freed late does not skew the live figures.
+Counters early;
+Counters *page = &early;
 __thread int slot __attribute__((tls_model("initial-exec"))) = 0;
 
 inline void counted() {
-    if (page)
-        __atomic_add_fetch(&page->allocs[slot], 1, __ATOMIC_RELAXED);
+    __atomic_add_fetch(&page->allocs[slot], 1, __ATOMIC_RELAXED);
+}
+
+inline void *born(void *p) {
+    if (p) {
+        __atomic_add_fetch(&page->live_bytes, int64_t(malloc_usable_size(p)), __ATOMIC_RELAXED);
+        __atomic_add_fetch(&page->live_blocks, 1, __ATOMIC_RELAXED);
+    }
+    return p;
+}
+
+inline void dying(void *p) {
+    if (p) {
+        __atomic_sub_fetch(&page->live_bytes, int64_t(malloc_usable_size(p)), __ATOMIC_RELAXED);
+        __atomic_sub_fetch(&page->live_blocks, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&page->frees, 1, __ATOMIC_RELAXED);
+    }
 }
 
 __attribute__((constructor)) void map_counters() {
@@ -53,6 +77,8 @@ __attribute__((constructor)) void map_counters() {
     close(fd);
     if (m == MAP_FAILED)
         return;
+    // Still one thread: nothing counts between the copy and the switch.
+    __builtin_memcpy(m, &early, sizeof early);
     page = static_cast<Counters *>(m);
     page->tids[0] = int32_t(syscall(SYS_gettid));
 }
@@ -68,8 +94,7 @@ int created = 0;
 void *tagged(void *p) {
     Start *s = static_cast<Start *>(p);
     slot = s->slot;
-    if (page)
-        __atomic_store_n(&page->tids[slot], int32_t(syscall(SYS_gettid)), __ATOMIC_RELEASE);
+    __atomic_store_n(&page->tids[slot], int32_t(syscall(SYS_gettid)), __ATOMIC_RELEASE);
     return s->fn(s->arg);
 }
 
@@ -79,30 +104,44 @@ extern "C" {
 
 void *malloc(size_t n) {
     counted();
-    return __libc_malloc(n);
+    return born(__libc_malloc(n));
 }
 void *calloc(size_t n, size_t size) {
     counted();
-    return __libc_calloc(n, size);
+    return born(__libc_calloc(n, size));
 }
 void *realloc(void *p, size_t n) {
     counted();
-    return __libc_realloc(p, n);
+    // A moved or shrunk block leaves the old size; realloc(p, 0) frees p.
+    size_t old = p ? malloc_usable_size(p) : 0;
+    void *q = __libc_realloc(p, n);
+    if (q) {
+        __atomic_add_fetch(&page->live_bytes, int64_t(malloc_usable_size(q)) - int64_t(old),
+                           __ATOMIC_RELAXED);
+        if (!p)
+            __atomic_add_fetch(&page->live_blocks, 1, __ATOMIC_RELAXED);
+    } else if (p && n == 0) {
+        __atomic_sub_fetch(&page->live_bytes, int64_t(old), __ATOMIC_RELAXED);
+        __atomic_sub_fetch(&page->live_blocks, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&page->frees, 1, __ATOMIC_RELAXED);
+    }
+    return q;
 }
 void free(void *p) {
+    dying(p);
     __libc_free(p);
 }
 void *memalign(size_t align, size_t n) {
     counted();
-    return __libc_memalign(align, n);
+    return born(__libc_memalign(align, n));
 }
 void *aligned_alloc(size_t align, size_t n) {
     counted();
-    return __libc_memalign(align, n);
+    return born(__libc_memalign(align, n));
 }
 int posix_memalign(void **out, size_t align, size_t n) {
     counted();
-    void *p = __libc_memalign(align, n);
+    void *p = born(__libc_memalign(align, n));
     if (!p)
         return 12;  // ENOMEM
     *out = p;
