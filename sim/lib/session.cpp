@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 
 extern char **environ;
@@ -24,6 +26,10 @@ std::string unique_socket_name() {
 }
 
 Session::Session(SessionOptions o) : o_(std::move(o)) {
+    // A daemon under a slow checker (valgrind) needs more real time per
+    // simulated second, or it misses the scenario's early events.
+    if (const char *scale = std::getenv("ZEBUSR_SIM_TIME_SCALE"))
+        o_.time_factor *= std::max(1.0, std::strtod(scale, nullptr));
     if (o_.tick_ms)
         o_.scenario.tick_ms = *o_.tick_ms;
     server_ = std::make_unique<Server>(
@@ -64,6 +70,16 @@ std::vector<std::string> daemon_env(const SessionOptions &o, const Server &s) {
     return env;
 }
 
+// ZEBUSR_DAEMON_WRAPPER: words put before the daemon's command (a checker
+// such as valgrind), split at blanks and looked up on PATH.
+std::vector<std::string> wrapper_words() {
+    std::vector<std::string> words;
+    const char *w = std::getenv("ZEBUSR_DAEMON_WRAPPER");
+    std::istringstream in(w ? w : "");
+    for (std::string word; in >> word;) words.push_back(word);
+    return words;
+}
+
 std::vector<char *> cstrs(std::vector<std::string> &v) {
     std::vector<char *> p;
     for (auto &s : v) p.push_back(s.data());
@@ -76,7 +92,9 @@ std::vector<char *> cstrs(std::vector<std::string> &v) {
 void Session::start_daemon() {
     if (pid_ > 0)
         throw std::logic_error("daemon already started");
-    std::vector<std::string> argv = {o_.daemon.string()};
+    std::vector<std::string> argv = wrapper_words();
+    bool wrapped = !argv.empty();
+    argv.push_back(o_.daemon.string());
     argv.insert(argv.end(), o_.args.begin(), o_.args.end());
     std::vector<std::string> env = daemon_env(o_, *server_);
     posix_spawn_file_actions_t fa;
@@ -88,7 +106,8 @@ void Session::start_daemon() {
                                      O_WRONLY | O_CREAT | O_TRUNC, 0644);
     auto a = cstrs(argv);
     auto e = cstrs(env);
-    int rc = posix_spawn(&pid_, o_.daemon.c_str(), &fa, nullptr, a.data(), e.data());
+    int rc = wrapped ? posix_spawnp(&pid_, a[0], &fa, nullptr, a.data(), e.data())
+                     : posix_spawn(&pid_, a[0], &fa, nullptr, a.data(), e.data());
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0) {
         pid_ = -1;
