@@ -22,6 +22,7 @@ static std::mutex zebusr_streams_mutex;
 void zebusr_streams_lock(sigset_t *saved) {
     sigset_t handled;
     zebusr_handled_signals(&handled);
+    sigemptyset(saved);  // the kernel fills only the first word of the old mask
     pthread_sigmask(SIG_BLOCK, &handled, saved);
     zebusr_streams_mutex.lock();
 }
