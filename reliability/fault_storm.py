@@ -374,7 +374,7 @@ def storm_a(ctx, rng):
                "lookups 3 s apart while absent, one 3-s pause per failure, attempts counted 0..n-1, "
                "COMPLETE on attempt n, cycling at once after, boosts meanwhile, exit 0")
     for k in range(1 if ctx.quick else 3):
-        absent = round(rng.uniform(45, 75) if ctx.quick else rng.uniform(120, 480), 1)
+        absent = round(rng.uniform(45, 75) if ctx.quick else rng.uniform(120, 600), 1)
         sc = quiet_device("absent-%d" % k, duration_s=absent + 20,
                           processes=[{"pid": 4242, "name": "upload", "tx_bps": 800000000}],
                           faults=[{"kind": "family_absent", "family": "DULOX_ZEB", "to_s": absent}])
@@ -417,7 +417,7 @@ def storm_b(ctx, rng):
                "one reconnection per restart, old id answered ENOENT, new id looked up within "
                "time-out + pause, every later request on the new id, cycling after; a restarted "
                "core driver is not reconnected (its queries fail each second); exit 0")
-    n_runs = 1 if ctx.quick else 6
+    n_runs = 1 if ctx.quick else 9
     for k in range(n_runs):
         tick = [100, 10, 2][k % 3]
         core_too = k % 3 == 2 or n_runs == 1
@@ -488,7 +488,7 @@ def storm_c(ctx, rng):
     st = Storm("c", "steering module silent for 10 s",
                "one reconnection, syncs retried every 3 s (time-out, no pause), a fresh socket "
                "and lookup per attempt, tables reopened only after, boosts go on, cycling after, exit 0")
-    for k in range(1 if ctx.quick else 5):
+    for k in range(1 if ctx.quick else 8):
         x = round(rng.uniform(3, 10), 2)
         sc = quiet_device("silent-%d" % k, duration_s=round(x + 18, 1),
                           processes=[{"pid": 4242, "name": "upload", "tx_bps": 800000000}],
@@ -534,7 +534,7 @@ def storm_d(ctx, rng):
                "segmentation answer is asked again next cycle; a malformed lookup pauses 3 s; a "
                "malformed throughput answer skips that second's boost; the core driver's lookups "
                "fail 5 times and attempt 5 connects; the log names each receive failure; exit 0")
-    for k in range(1 if ctx.quick else 4):
+    for k in range(1 if ctx.quick else 6):
         steering_run(ctx, st, rng, k)
     for k in range(1 if ctx.quick else 2):
         core_lookup_run(ctx, st, rng, k)
@@ -661,8 +661,9 @@ def storm_e(ctx, rng):
                "each cycle offers UP to every gold CPU in table order, then DOWN, then BAL, all "
                "refused; no reconnection, cycles keep their pace; after the minute an UP is the "
                "first move accepted, and nothing follows an accepted move in its cycle; exit 0")
+    codes = rng.sample([-16, -22, -2, -1, 5], 5)
     for k in range(1 if ctx.quick else 3):
-        code = rng.choice([-16, -22, -2, -1, 5])
+        code = codes[k]
         r0 = round(rng.uniform(2, 5), 2)
         sc = quiet_device("refused-%d" % k, duration_s=round(r0 + 70, 1),
                           cpus=[{"cpu": 0, "load_pps": 10000}, {"cpu": 1, "load_pps": 10000},
@@ -874,6 +875,7 @@ def storm_i(ctx, rng):
         delay = rng.uniform(0, 0.05) if rng.random() < 0.25 else rng.uniform(0.05, 1.6)
         run = st.add(Run(ctx, "i", "%03d-%s-%.3fs" % (k, kind, delay), busy_device("term-%d" % k, **extra), 0.1,
                          rng.random() < 0.5))
+        run.kind = kind
         pid = run.daemon_pid()
         if run.check(pid is not None and run.wait_log("Starting zeb_eval_thread..."), "daemon did not start"):
             time.sleep(delay)
@@ -885,7 +887,7 @@ def storm_i(ctx, rng):
         run.expect_exit(0)
         run.expect_cleanup()
     st.figures.append("%d points (%s), %.1f s a run" % (
-        points, ", ".join("%d %s" % (sum(1 for r in st.runs if ("-%s-" % k) in r.label), k) for k in kinds),
+        points, ", ".join("%d %s" % (sum(1 for r in st.runs if r.kind == k), k) for k in kinds),
         sum(r.seconds for r in st.runs) / max(1, len(st.runs))))
     return st
 
