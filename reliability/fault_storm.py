@@ -732,7 +732,7 @@ def storm_f(ctx, rng):
             run.check(run.log.count("Signal Handler Invoked!") == 0, "ended by a signal")
             run.check(len(run.trans.answered_syncs()) == 2, "%d syncs answered" % len(run.trans.answered_syncs()))
             run.check(run.seconds < 30, "took %.0f s" % run.seconds)
-    st.figures.append("%d runs, each over in %.1f s on average" % (len(st.runs), sum(r.seconds for r in st.runs) / len(st.runs)))
+    st.figures.append("%d runs, each over in %.2f s on average" % (len(st.runs), sum(r.seconds for r in st.runs) / len(st.runs)))
     return st
 
 
