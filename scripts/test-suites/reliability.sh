@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# The reliability commands in their short forms: ThreadSanitizer over the
+# whole-process tests (one round), the quick fault storms and a ten-minute
+# soak. The README gives the full forms.
+set -uo pipefail
+cd "$(dirname "$0")/../.."
+
+status=0
+ROUNDS=1 bash reliability/tsan.sh || status=1
+bash reliability/fault-storm.sh --quick || status=1
+bash reliability/soak.sh --minutes 10 || status=1
+echo "reliability: $([ $status -eq 0 ] && echo passed || echo FAILED)"
+exit $status
