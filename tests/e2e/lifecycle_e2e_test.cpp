@@ -45,6 +45,12 @@ TEST_P(ProcessEnd, LogsItsWayOutAndExitsWithItsStatus) {
     Daemon run(e.scenario, e.args);
     if (e.sig) {
         ASSERT_NO_FATAL_FAILURE(connected(run));
+        if (!e.args.empty()) {  // the logging signals, each seen through before the next
+            run.signal(SIGUSR1);
+            ASSERT_TRUE(run.wait_log("CSV File opened")) << run.describe();
+            run.signal(SIGUSR2);
+            ASSERT_TRUE(run.wait_log("Stopping verbose logging")) << run.describe();
+        }
         run.signal(e.sig);
     }
     ASSERT_EQ(run.wait_exit(), e.status) << run.describe();

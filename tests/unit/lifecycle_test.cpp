@@ -11,7 +11,6 @@
 
 #include <climits>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
