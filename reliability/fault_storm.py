@@ -334,7 +334,12 @@ def expect_pauses(run, times, what, early=0.01):
     may end a clock tick (up to 10 ms, so `early` of 0.1 at factor 0.1) early."""
     g = gaps(times)
     ok = [PAUSE - early <= x <= PAUSE + SLACK for x in g]
-    run.check(all(ok), "%s not %.0f s apart: %s" % (what, PAUSE, ["%.2f" % x for x, fine in zip(g, ok) if not fine][:5]))
+    # Never sooner; later only now and then, when the machine stalls (a
+    # longer pause in the daemon makes them all late, and the median with them).
+    stalls = sum(1 for x in g if x > PAUSE + SLACK)
+    fine = all(x >= PAUSE - early for x in g) and stalls <= max(1, len(g) // 10) and \
+        (not g or sorted(g)[len(g) // 2] <= PAUSE + SLACK)
+    run.check(fine, "%s not %.0f s apart: %s" % (what, PAUSE, ["%.2f" % x for x, good in zip(g, ok) if not good][:5]))
     return g
 
 
@@ -698,7 +703,8 @@ def storm_e(ctx, rng):
         run.check(len(inside) >= 0.9 * 58 / 0.1, "only %d cycles in the minute" % len(inside))
         run.check(not any(m for c in cycles if c["t"] < r0 for m in c["moves"]), "a suggestion before the flows")
         run.check(run.log.count_before_stop("sync failed, attempting to reconnect") == 0, "a reconnection")
-        accepted = [m for c in cycles for m in c["moves"] if m[2] == "accepted"]
+        # A cycle that straddles the window's end may have a later move accepted.
+        accepted = [m for c in cycles if c["t"] >= r0 + 60 for m in c["moves"] if m[2] == "accepted"]
         run.check(accepted[:1] == [("UP", accepted[0][1] if accepted else 4, "accepted", False)],
                   "first move accepted after the minute: %s" % accepted[:1])
         # An accepted move ends the cycle's steering.
