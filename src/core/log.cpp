@@ -258,22 +258,22 @@ void zebusr_start_logging(int) {
     verbose_log_enabled.store(1, std::memory_order_relaxed);
 
     // An earlier stream is neither tested nor closed: a second SIGUSR1 simply
-    // truncates the capture and starts it over. The header goes out before
-    // the capture is switched on, so no row can come first.
-    sigset_t saved;
-    zebusr_streams_lock(&saved);
+    // truncates the capture and starts it over. The new stream is handed to
+    // the writers with its header written, so no row can come first.
     FILE *fp = fopen(ZEBUSR_CSV_PATH, "w+");
-    csv_fp.store(fp, std::memory_order_relaxed);
-    if (fp) {
-        fprintf(fp, ZEBUSR_CSV_HEADER);
-        fflush(fp);
-    }
-    csv_log_enabled.store(fp ? 1 : 0, std::memory_order_relaxed);
-    zebusr_streams_unlock(&saved);
     if (fp)
         ZLOG(HIGH, "CSV File opened");
     else
         ZLOG(ERR, "Unable to open csv logging file");
+    sigset_t saved;
+    zebusr_streams_lock(&saved);
+    if (fp) {
+        fprintf(fp, ZEBUSR_CSV_HEADER);
+        fflush(fp);
+    }
+    csv_fp.store(fp, std::memory_order_relaxed);
+    csv_log_enabled.store(fp ? 1 : 0, std::memory_order_relaxed);
+    zebusr_streams_unlock(&saved);
 }
 
 void zebusr_stop_logging(int) {
