@@ -211,11 +211,11 @@ static void check_stream_locked(FILE *fp, const char *call, bool closing) {
     std::lock_guard<std::mutex> lock(watched_mu);
     if (!watched_streams.count(fp))
         return;
-    if (closing)
-        watched_streams.erase(fp);
+    watched_streams.erase(closing ? fp : nullptr);  // a null stream is never watched
     sigset_t now;
     pthread_sigmask(SIG_SETMASK, nullptr, &now);
-    if (!sigismember(&now, SIGUSR2)) {
+    if (!sigismember(&now, SIGTERM) || !sigismember(&now, SIGINT) || !sigismember(&now, SIGUSR1) ||
+        !sigismember(&now, SIGUSR2)) {
         fprintf(stderr, "%s of a stream outside the streams' lock\n", call);
         abort();
     }
