@@ -35,7 +35,7 @@ import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-TABLE = ROOT / "tests/support/log_lines.tsv"
+TABLE = ROOT / "logtool/log_lines.tsv"
 
 # What the daemon's clean-up writes, in this order, after a stop signal.
 CLEANUP = [("zebusr_sig_handler", "Signal Handler Invoked!"),
@@ -80,7 +80,7 @@ def load_table(path):
     for line in path.read_text().splitlines():
         if not line or line.startswith("#"):
             continue
-        func, level, fmt = line.split("\t", 2)
+        _, func, level, fmt = line.split("\t", 3)
         fmt = fmt.replace("\\n", "\n").replace("\\t", "\t")
         blank = fmt.endswith("\n")
         rows.setdefault(func, []).append((level, _format_regex(fmt[:-1] if blank else fmt), blank))

@@ -6,8 +6,8 @@
 #include <vector>
 
 // Next to the test binary where the build does not name it (a device).
-#ifndef ZEBUSR_LOG_TABLE
-#define ZEBUSR_LOG_TABLE "log_lines.tsv"
+#ifndef ZEBUSR_LOG_TABLE_PATH
+#define ZEBUSR_LOG_TABLE_PATH "log_lines.tsv"
 #endif
 
 namespace zt {
@@ -32,10 +32,13 @@ std::string unescape(const std::string &s) {
 const std::vector<Known> &known() {
     static const std::vector<Known> table = [] {
         std::vector<Known> rows;
-        std::ifstream in(ZEBUSR_LOG_TABLE);
+        std::ifstream in(ZEBUSR_LOG_TABLE_PATH);
         for (std::string line; std::getline(in, line);) {
+            if (line.empty() || line[0] == '#')
+                continue;
+            line = line.substr(line.find('\t') + 1);  // past the key
             size_t a = line.find('\t'), b = line.find('\t', a + 1);
-            if (line.empty() || line[0] == '#' || b == std::string::npos)
+            if (b == std::string::npos)
                 continue;
             rows.push_back(
                 {line.substr(0, a), line.substr(a + 1, b - a - 1), unescape(line.substr(b + 1))});
