@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "logmodel.hpp"
+#include "splitter.hpp"
 
 namespace zlog {
 
@@ -24,6 +25,10 @@ inline constexpr size_t kSrcLineWidth = 3;     // source line numbers, at least 
 // out.problem NoPrefix, Columns, UnknownMessage or WrongLevel. out.text,
 // out.func and %s arguments point into `text`.
 bool parse_line(std::string_view text, uint64_t no, LogLine &out);
+
+// " HH:MM:SS.uuuuuu" without the leading blank (15 bytes), as microseconds
+// since midnight. The log's prefix and the CSV's rows share it.
+bool parse_stamp(std::string_view s, uint64_t &tod_us);
 
 // Whether the message's format ends in "\n", so that an empty line follows.
 bool ends_with_blank(Msg m);
@@ -54,13 +59,12 @@ class LineReader {
     uint64_t lines() const { return no_; }
 
    private:
-    void line_done(std::string_view text, bool too_long);
-    void emit(std::string_view text, bool too_long);
+    void line_done(std::string_view text, bool too_long, bool cut);
+    void hand_on(Problem p);
 
     LineSink &sink_;
-    std::string partial_;  // a line split across chunks (at most kMaxLine bytes)
-    bool skipping_ = false;  // past kMaxLine in the current line
-    bool blank_due_ = false; // the previous message ended in "\n"
+    Splitter split_;
+    bool blank_due_ = false;  // the previous message ended in "\n"
     uint64_t no_ = 0;
     LogLine line_;
 };

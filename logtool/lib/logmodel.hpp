@@ -54,7 +54,8 @@ struct LogLine {
     uint64_t no = 0;          // 1-based line number in the file
     std::string_view text;    // the line as read, without its line end
     Problem problem = Problem::None;
-    uint32_t tod_us = 0;      // the stamp: microseconds since midnight
+    uint64_t tod_us = 0;      // the stamp: microseconds since midnight (a day's
+                              // 86.4e9 does not fit 32 bits)
     std::string_view func;
     unsigned src_line = 0;
     Level level = Level::Low;
@@ -235,6 +236,6 @@ void read_log_text(std::string_view text, Sink &sink);
 
 // Run time: microseconds since the run's first line, counting a stamp that
 // goes back by more than 12 hours as midnight passed. Exposed for tests.
-uint64_t run_time_us(uint32_t prev_tod_us, uint64_t prev_run_us, uint32_t tod_us);
+uint64_t run_time_us(uint64_t prev_tod_us, uint64_t prev_run_us, uint64_t tod_us);
 
 }  // namespace zlog
