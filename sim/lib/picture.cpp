@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -35,25 +36,27 @@ std::string quoted(const std::string &s) {
     return q + "\"";
 }
 
-void write_data(const fs::path &d, const Scenario &s, const std::vector<Decision> &ds,
-                const Replay &run) {
+void write_data(const fs::path &d, const PictureData &p) {
     std::ofstream cpus(d / "cpus.dat"), flows(d / "flows.dat"), dec(d / "decisions.dat");
     cpus << "# t spare_pps cpu0..cpu7\n";
     flows << "# t cpu of each flow (NaN while inactive):";
-    for (const auto &f : s.flows) flows << ' ' << hash_str(f.hash);
+    for (const auto &f : p.flows) flows << ' ' << hash_str(f.hash);
     flows << '\n';
     char b[64];
-    for (const auto &smp : run.samples) {
+    for (const auto &smp : p.samples) {
         std::snprintf(b, sizeof b, "%.3f", smp.t);
         cpus << b;
         flows << b;
-        for (double v : smp.spare) cpus << ' ' << v;
-        for (int c : smp.flow_cpu) flows << ' ' << (c < 0 ? std::string("NaN") : std::to_string(c));
+        for (double v : smp.spare) std::isnan(v) ? cpus << " NaN" : cpus << ' ' << v;
+        for (size_t i = 0; i < p.flows.size(); ++i) {
+            int c = i < smp.flow_cpu.size() ? smp.flow_cpu[i] : -1;
+            flows << ' ' << (c < 0 ? std::string("NaN") : std::to_string(c));
+        }
         cpus << '\n';
         flows << '\n';
     }
     dec << "# t row accepted label\n-1 0 2 \"\"\n";
-    for (const auto &x : ds) {
+    for (const auto &x : p.decisions) {
         std::snprintf(b, sizeof b, "%.3f %d %d ", x.t, row_of(x.kind), x.accepted ? 1 : 0);
         dec << b << quoted(x.label) << '\n';
     }
@@ -72,14 +75,14 @@ std::string counts(const std::vector<Decision> &ds) {
     return out + " accepted/asked";
 }
 
-void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decision> &ds,
-                  double duration) {
+void write_script(const fs::path &gp, const PictureData &p) {
+    const std::vector<Decision> &ds = p.decisions;
     std::ofstream g(gp);
     g << "set terminal pngcairo noenhanced size 1400,1100 font 'Sans,10'\n"
          "set output 'report.png'\n"
          "set datafile missing 'NaN'\n"
-      << "set multiplot title " << quoted("zebusrd on scenario " + s.name + ": " + counts(ds))
-      << "\nset xrange [0:" << duration << "]\n"
+      << "set multiplot title " << quoted(p.title + ": " + counts(ds))
+      << "\nset xrange [0:" << p.duration << "]\n"
       << "set lmargin 12\nset rmargin 30\nset grid\nset key outside right top\n";
     // Spare capacity, with every move drawn where it was answered.
     g << "set origin 0,0.50\nset size 1,0.46\n"
@@ -111,19 +114,20 @@ void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decis
     g << "', c+1) title sprintf('cpu%d %s', c, c < 4 ? 'silver' : 'gold')\n"
          "unset arrow\nunset label\nset offsets 0, 0, 0, 0\n";
     // Where each flow is.
-    g << "set origin 0,0.27\nset size 1,0.24\nset title \"Each flow's CPU (shaded: silver "
-         "CPUs 0-3)\"\n"
+    g << "set origin 0,0.27\nset size 1,0.24\nset title "
+      << quoted("Each flow's CPU (shaded: silver CPUs 0-3)" + p.flow_note)
+      << "\n"
          "set ylabel 'cpu'\nset yrange [-0.6:7.6]\nset ytics 0,1,7\n"
          "set object 1 rect from graph 0, first -0.5 to graph 1, first 3.5 fc rgb '#eeeeee' "
          "fs solid behind\n";
     g << "plot ";
-    if (s.flows.empty())
+    if (p.flows.empty())
         g << "NaN notitle";
-    for (size_t i = 0; i < s.flows.size(); ++i) {
-        double off = (double(i) - double(s.flows.size() - 1) / 2) * 0.06;
+    for (size_t i = 0; i < p.flows.size(); ++i) {
+        double off = (double(i) - double(p.flows.size() - 1) / 2) * 0.06;
         g << (i ? ", \\\n     " : "") << "'report/flows.dat' using 1:($" << i + 2 << "+(" << off
           << ")) with steps lw 2.5 title "
-          << quoted(hash_str(s.flows[i].hash) + " " + s.flows[i].name);
+          << quoted(hash_str(p.flows[i].hash) + " " + p.flows[i].name);
     }
     g << "\nunset object 1\n";
     // One row per kind of decision.
@@ -131,7 +135,9 @@ void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decis
          "refused or failed)'\n"
          "set ylabel ''\nset yrange [0.4:5.8]\n"
          "set ytics ('UP' 1, 'DOWN' 2, 'BAL' 3, 'SEG off' 4, 'BOOST' 5)\n"
-         "set format x '%g'\nset xlabel 'simulated seconds'\n"
+         "set format x '%g'\nset xlabel "
+      << quoted(p.xlabel)
+      << "\n"
          "plot 'report/decisions.dat' using 1:($3==1 ? $2 : NaN) with points pt 7 ps 1.6 lc "
          "rgb '#2ca02c' title 'accepted', \\\n";
     if (std::any_of(ds.begin(), ds.end(), [](const Decision &d) { return !d.accepted; }))
@@ -144,13 +150,10 @@ void write_script(const fs::path &gp, const Scenario &s, const std::vector<Decis
 
 }  // namespace
 
-fs::path write_picture(const fs::path &dir, const Scenario &s,
-                       const std::vector<Decision> &decisions, const Replay &run,
-                       std::string &why) {
+fs::path draw_picture(const fs::path &dir, const PictureData &p, std::string &why) {
     fs::create_directories(dir / "report");
-    double duration = run.samples.empty() ? 0 : run.samples.back().t + run.tick_s;
-    write_data(dir / "report", s, decisions, run);
-    write_script(dir / "report/report.gp", s, decisions, duration);
+    write_data(dir / "report", p);
+    write_script(dir / "report/report.gp", p);
     fs::path png = dir / "report.png";
     fs::remove(png);
     std::string cmd = "cd '" + dir.string() + "' && gnuplot report/report.gp 2>report/gnuplot.err";
@@ -160,6 +163,18 @@ fs::path write_picture(const fs::path &dir, const Scenario &s,
         return {};
     }
     return png;
+}
+
+fs::path write_picture(const fs::path &dir, const Scenario &s,
+                       const std::vector<Decision> &decisions, const Replay &run,
+                       std::string &why) {
+    PictureData p;
+    p.title = "zebusrd on scenario " + s.name;
+    p.duration = run.samples.empty() ? 0 : run.samples.back().t + run.tick_s;
+    for (const auto &f : s.flows) p.flows.push_back({f.hash, f.name});
+    p.samples = run.samples;
+    p.decisions = decisions;
+    return draw_picture(dir, p, why);
 }
 
 }  // namespace sim

@@ -11,8 +11,29 @@
 
 namespace sim {
 
+// What the picture draws, whichever way it was learnt: a simulated run
+// replayed tick by tick, or a daemon's log read back cycle by cycle.
+struct PictureFlow {
+    uint32_t hash = 0;
+    std::string name;
+};
+
+struct PictureData {
+    std::string title;  // before the decision counts
+    std::string xlabel = "simulated seconds";
+    std::string flow_note;  // after the flow panel's title
+    double duration = 0;
+    std::vector<PictureFlow> flows;
+    std::vector<Sample> samples;  // spare NaN where unknown; flow_cpu per flow
+    std::vector<Decision> decisions;
+};
+
 // Writes report.png into `dir` (its data and gnuplot script under report/).
 // Returns the picture's path, or "" with the reason in `why`.
+std::filesystem::path draw_picture(const std::filesystem::path &dir, const PictureData &p,
+                                   std::string &why);
+
+// The picture of a simulated run.
 std::filesystem::path write_picture(const std::filesystem::path &dir, const Scenario &s,
                                     const std::vector<Decision> &decisions, const Replay &run,
                                     std::string &why);
