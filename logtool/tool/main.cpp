@@ -16,6 +16,9 @@ const char kUsage[] =
     "  scenario LOG -o OUT.json           the recorded cycles as a simulator scenario\n"
     "  replay LOG [--daemon PATH]         today's zebusrd on the recorded cycles, compared\n"
     "  picture LOG -o OUT.png             the run's picture\n"
+    "  lines LOG [--json]                 each line as read, for scripts: NO TIME FUNC LEVEL\n"
+    "                                     KEY MESSAGE, tab-separated (KEY ? then the problem\n"
+    "                                     for a line that does not match), or JSON objects\n"
     "LOG may be - for standard input. Exit status: 0 done, 1 a line that does not\n"
     "match or a cycle decided otherwise, 2 nothing could be read or wrong words.\n";
 
@@ -28,6 +31,7 @@ const Verb kVerbs[] = {
     {"check", zlog::verb_check},       {"explain", zlog::verb_explain},
     {"trace", zlog::verb_trace},       {"scenario", zlog::verb_scenario},
     {"replay", zlog::verb_replay},     {"picture", zlog::verb_picture},
+    {"lines", zlog::verb_lines},
 };
 
 }  // namespace

@@ -17,5 +17,6 @@ int verb_trace(const Words &w);
 int verb_scenario(const Words &w);
 int verb_replay(const Words &w);
 int verb_picture(const Words &w);
+int verb_lines(const Words &w);
 
 }  // namespace zlog
