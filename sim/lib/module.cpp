@@ -13,9 +13,9 @@ json fault_note(const FaultPlan &f) {
 
 void Module::published(std::vector<CapEntry> caps, std::vector<FlowEntry> gold,
                        std::vector<FlowEntry> ss) {
-    caps_ = std::move(caps);
-    gold_ = std::move(gold);
-    ss_ = std::move(ss);
+    seen_.caps = std::move(caps);
+    seen_.gold = std::move(gold);
+    seen_.ss = std::move(ss);
 }
 
 const FaultPlan *Module::fault(FaultKind k, const Request &r, double t) {
@@ -39,7 +39,13 @@ const FaultPlan *Module::fault(FaultKind k, const Request &r, double t) {
 
 Bytes Module::deform(const FaultPlan &f, Bytes proper, const Request &r,
                      std::span<const uint8_t> raw, double t) {
-    switch (f.form) {
+    uint16_t id = r.family == "DULOX_ZEB" ? s_.ids_at(t).zeb : s_.ids_at(t).core;
+    return deform_reply(f.form, std::move(proper), r, raw, f.code, id);
+}
+
+Bytes deform_reply(MalformedForm form, Bytes proper, const Request &r, std::span<const uint8_t> raw,
+                   int32_t error, uint16_t family_id) {
+    switch (form) {
         case MalformedForm::Short:
             proper.resize(12);
             return proper;
@@ -47,11 +53,10 @@ Bytes Module::deform(const FaultPlan &f, Bytes proper, const Request &r,
             put_u32(proper, 0, uint32_t(proper.size() + 64));
             return proper;
         case MalformedForm::NlmsgError:
-            return encode_error(r.hdr, raw.first(r.hdr.len), f.code);
+            return encode_error(r.hdr, raw.first(r.hdr.len), error);
         case MalformedForm::WrongSecondAttr:
-            return encode_family_reply(
-                r.hdr, r.family, r.family == "DULOX_ZEB" ? s_.ids_at(t).zeb : s_.ids_at(t).core,
-                r.family == "DULOX_ZEB" ? 3 : 2, false);
+            return encode_family_reply(r.hdr, r.family, family_id, r.family == "DULOX_ZEB" ? 3 : 2,
+                                       false);
         case MalformedForm::Oversize:
             proper.resize(2048, 0);
             put_u32(proper, 0, 2048);
@@ -78,6 +83,12 @@ const char *form_name(MalformedForm f) {
     return "?";
 }
 
+Response apply_malformed(Response resp, const FaultPlan *f, Bytes deformed) {
+    return malformed_answer(std::move(resp), f->form, fault_note(*f), std::move(deformed));
+}
+
+}  // namespace
+
 Response error_reply(const Request &r, std::span<const uint8_t> raw, int32_t err,
                      const std::string &why) {
     Response resp;
@@ -86,15 +97,13 @@ Response error_reply(const Request &r, std::span<const uint8_t> raw, int32_t err
     return resp;
 }
 
-Response apply_malformed(Response resp, const FaultPlan *f, Bytes deformed) {
+Response malformed_answer(Response resp, MalformedForm form, json fault, Bytes deformed) {
     resp.replies = {std::move(deformed)};
     resp.out["reply"] = "malformed";
-    resp.out["form"] = form_name(f->form);
-    resp.out["fault"] = fault_note(*f);
+    resp.out["form"] = form_name(form);
+    resp.out["fault"] = std::move(fault);
     return resp;
 }
-
-}  // namespace
 
 Response Module::lookup(const Request &r, std::span<const uint8_t> raw, double t) {
     bool known = r.family == "DULOX_ZEB" || r.family == "DULOX_CORE";
@@ -162,7 +171,7 @@ Response Module::pid_bps(const Request &r, std::span<const uint8_t> raw, double 
             rec.list_len = uint16_t(*f->list_len);
         resp.out["fault"] = fault_note(*f);
     }
-    last_pid_ = rec;
+    seen_.last_pid = rec;
     json list = json::array();
     for (size_t i = 0; i < rec.entries.size() && i < nl::kPidListMax; ++i)
         list.push_back({{"pid", rec.entries[i].pid},
@@ -184,9 +193,11 @@ Response Module::boost(const Request &r, double t) {
     return resp;
 }
 
-json Module::seen_suggestion(const SuggInfo &s) const {
+namespace {
+
+json seen_suggestion(const Seen &read, const SuggInfo &s) {
     json seen = json::object();
-    for (const auto &c : caps_) {
+    for (const auto &c : read.caps) {
         if (c.cpu == s.cur_cpu) {
             seen["cur_pps_capacity"] = c.pps_capacity;
             seen["cur_avg_pps_capacity"] = c.avg_pps_capacity;
@@ -194,7 +205,7 @@ json Module::seen_suggestion(const SuggInfo &s) const {
         if (c.cpu == s.dest_cpu)
             seen["dest_avg_pps_capacity"] = c.avg_pps_capacity;
     }
-    for (const auto &f : gold_)
+    for (const auto &f : read.gold)
         if (s.hash && f.hash == s.hash) {
             seen["flow_avg_pps"] = f.avg_pps;
             seen["flow_rx_pps"] = f.rx_pps;
@@ -203,14 +214,16 @@ json Module::seen_suggestion(const SuggInfo &s) const {
     return seen;
 }
 
-json Module::seen_segmentation(uint32_t hash) const {
-    for (const auto &f : ss_)
+json seen_segmentation(const Seen &seen, uint32_t hash) {
+    for (const auto &f : seen.ss)
         if (f.hash == hash)
             return {{"rx_bps", f.rx_bps}, {"cpu", f.cpu}};
     return json::object();
 }
 
-void Module::describe(const Request &r, json &in) const {
+}  // namespace
+
+void describe_request(const Request &r, const Seen &seen, json &in) {
     in["kind"] = kind_name(r.kind);
     in["dgram"] = r.datagram_len;
     if (r.datagram_len >= nl::kHeaderLen) {
@@ -237,12 +250,12 @@ void Module::describe(const Request &r, json &in) const {
             in["sugg_type_num"] = r.sugg.type;
             in["cur_cpu"] = r.sugg.cur_cpu;
             in["dest_cpu"] = r.sugg.dest_cpu;
-            in["seen"] = seen_suggestion(r.sugg);
+            in["seen"] = seen_suggestion(seen, r.sugg);
             break;
         case Kind::Segmentation:
             in["hash"] = hash_str(r.seg.hash);
             in["seg_enable"] = r.seg.seg_enable;
-            in["seen"] = seen_segmentation(r.seg.hash);
+            in["seen"] = seen_segmentation(seen, r.seg.hash);
             break;
         case Kind::PidBpsQuery:
             in["record_zero"] = !r.query_nonzero;
@@ -252,7 +265,7 @@ void Module::describe(const Request &r, json &in) const {
             for (const auto &b : r.boost.entries) {
                 json one = {
                     {"pid", b.pid}, {"boost_en", b.boost_en}, {"boost_period", b.boost_period}};
-                for (const auto &p : last_pid_.entries)
+                for (const auto &p : seen.last_pid.entries)
                     if (p.pid == b.pid)
                         one["seen"] = {{"tx_bps", p.tx_bps},
                                        {"boost_remaining_ms", p.boost_remaining_ms}};
@@ -274,7 +287,7 @@ void Module::describe(const Request &r, json &in) const {
 
 Response Module::handle(std::span<const uint8_t> d, double t, json &in) {
     Request r = decode_request(d, s_.ids_at(t));
-    describe(r, in);
+    describe_request(r, seen_, in);
     if (r.kind == Kind::Malformed) {
         in["hex"] = hex(d);
         if (r.error == 0)

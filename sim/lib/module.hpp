@@ -12,11 +12,32 @@
 
 namespace sim {
 
+struct RecordedStep;
+
 struct Response {
     bool at_tick = false;  // a sync reply waits for the module's tick
     std::vector<Bytes> replies;
-    nlohmann::ordered_json out;  // transcript record of the answer
+    nlohmann::ordered_json out;          // transcript record of the answer
+    const RecordedStep *step = nullptr;  // recorded mode: the step that answered
 };
+
+// What the daemon last read: the tables and the throughput answer, so that a
+// request's record can show the values it was decided on.
+struct Seen {
+    std::vector<CapEntry> caps;
+    std::vector<FlowEntry> gold, ss;
+    PidBpsRecord last_pid;
+};
+
+// The transcript record of a request.
+void describe_request(const Request &r, const Seen &seen, nlohmann::ordered_json &in);
+Response error_reply(const Request &r, std::span<const uint8_t> raw, int32_t err,
+                     const std::string &why);
+// `proper` changed into the malformed form; `family_id` for wrong_second_attr.
+Bytes deform_reply(MalformedForm form, Bytes proper, const Request &r, std::span<const uint8_t> raw,
+                   int32_t error, uint16_t family_id);
+Response malformed_answer(Response resp, MalformedForm form, nlohmann::ordered_json fault,
+                          Bytes deformed);
 
 class Module {
    public:
@@ -38,17 +59,12 @@ class Module {
     Response boost(const Request &r, double t);
     Bytes deform(const FaultPlan &f, Bytes proper, const Request &r, std::span<const uint8_t> raw,
                  double t);
-    void describe(const Request &r, nlohmann::ordered_json &in) const;
-    nlohmann::ordered_json seen_suggestion(const SuggInfo &s) const;
-    nlohmann::ordered_json seen_segmentation(uint32_t hash) const;
 
     const Scenario &s_;
     Model &m_;
     std::vector<uint64_t> matched_;
     std::vector<uint64_t> applied_;
-    std::vector<CapEntry> caps_;
-    std::vector<FlowEntry> gold_, ss_;
-    PidBpsRecord last_pid_;
+    Seen seen_;
 };
 
 nlohmann::ordered_json fault_note(const FaultPlan &f);

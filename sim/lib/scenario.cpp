@@ -7,6 +7,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "json_place.hpp"
+#include "recorded.hpp"
+
 namespace sim {
 
 using nlohmann::json;
@@ -89,77 +92,6 @@ const FaultPlan *Scenario::last_restart(double t) const {
 
 namespace {
 
-// Where we are in the document, for error messages.
-struct Place {
-    const std::string &file;
-    std::string path;
-    Place at(const std::string &key) const { return {file, path + "/" + key}; }
-    Place at(size_t i) const { return {file, path + "/" + std::to_string(i)}; }
-    [[noreturn]] void fail(const std::string &problem) const {
-        throw ScenarioError(file + ": " + (path.empty() ? "/" : path) + ": " + problem);
-    }
-};
-
-std::string join(std::initializer_list<const char *> names) {
-    std::string s;
-    for (const char *n : names) s += (s.empty() ? "" : ", ") + std::string(n);
-    return s;
-}
-
-void check_keys(const Place &p, const json &obj, std::initializer_list<const char *> allowed) {
-    if (!obj.is_object())
-        p.fail("must be an object");
-    for (const auto &[key, value] : obj.items()) {
-        bool ok = key == "comment" || std::any_of(allowed.begin(), allowed.end(),
-                                                  [&](const char *a) { return key == a; });
-        if (!ok)
-            p.at(key).fail("unknown key (expected one of: " + join(allowed) + ", comment)");
-    }
-}
-
-double as_number(const Place &p, const json &v, double min, double max) {
-    if (!v.is_number())
-        p.fail("must be a number, not " + v.dump());
-    double d = v.get<double>();
-    if (!(d >= min && d <= max)) {
-        std::ostringstream o;
-        o << "must be between " << min << " and " << max << ", not " << v.dump();
-        p.fail(o.str());
-    }
-    return d;
-}
-
-int64_t as_int(const Place &p, const json &v, double min, double max) {
-    double d = as_number(p, v, min, max);
-    if (std::floor(d) != d)
-        p.fail("must be a whole number, not " + v.dump());
-    return int64_t(d);
-}
-
-double number(const Place &p, const json &obj, const char *key, double def, double min,
-              double max) {
-    return obj.contains(key) ? as_number(p.at(key), obj[key], min, max) : def;
-}
-
-int64_t integer(const Place &p, const json &obj, const char *key, int64_t def, double min,
-                double max) {
-    return obj.contains(key) ? as_int(p.at(key), obj[key], min, max) : def;
-}
-
-const json &required(const Place &p, const json &obj, const char *key) {
-    if (!obj.contains(key))
-        p.fail(std::string("missing required key \"") + key + "\"");
-    return obj[key];
-}
-
-std::string text(const Place &p, const json &obj, const char *key, const std::string &def = {}) {
-    if (!obj.contains(key))
-        return def;
-    if (!obj[key].is_string())
-        p.at(key).fail("must be a string, not " + obj[key].dump());
-    return obj[key].get<std::string>();
-}
-
 constexpr double kRateMax = 1.8e19;  // fits an unsigned 64-bit table field
 
 Series series(const Place &p, const json &v) {
@@ -187,23 +119,6 @@ Series series_or(const Place &p, const json &obj, const char *key, double def) {
     if (!obj.contains(key))
         return Series{{{0, def}}};
     return series(p.at(key), obj[key]);
-}
-
-uint32_t hash_value(const Place &p, const json &v) {
-    if (v.is_string()) {
-        const std::string s = v.get<std::string>();
-        size_t used = 0;
-        unsigned long long h = 0;
-        try {
-            h = std::stoull(s, &used, 0);
-        } catch (const std::exception &) {
-            used = 0;
-        }
-        if (used != s.size() || s.empty() || h > 0xffffffffULL)
-            p.fail("must be a 32-bit hash such as \"0x1a2b\", not " + v.dump());
-        return uint32_t(h);
-    }
-    return uint32_t(as_int(p, v, 0, 4294967295.0));
 }
 
 void window(const Place &p, const json &o, double &from, double &to) {
@@ -336,20 +251,6 @@ MalformedForm parse_form(const Place &p, const std::string &s) {
            "oversize)");
 }
 
-uint32_t sugg_type(const Place &p, const json &v) {
-    if (v.is_string()) {
-        std::string s = v.get<std::string>();
-        if (s == "UP")
-            return 1;
-        if (s == "DOWN")
-            return 2;
-        if (s == "BAL")
-            return 3;
-        p.fail("must be \"UP\", \"DOWN\" or \"BAL\"");
-    }
-    return uint32_t(as_int(p, v, 1, 3));
-}
-
 void parse_fault_body(const Place &p, const json &v, FaultPlan &f) {
     switch (f.kind) {
         case FaultKind::FamilyAbsent:
@@ -447,7 +348,7 @@ FaultPlan parse_fault(const Place &p, const json &v) {
         {"restart", FaultKind::Restart}};
     std::string k = text(p, v, "kind");
     FaultPlan f;
-    f.where = p.path.substr(1);
+    f.where = p.path().substr(1);
     auto it =
         std::find_if(std::begin(kinds), std::end(kinds), [&](auto &e) { return k == e.first; });
     if (it == std::end(kinds))
@@ -541,7 +442,7 @@ Scenario parse_scenario(const std::string &text_in, const std::string &file) {
     Place root{file, ""};
     check_keys(root, doc,
                {"name", "description", "duration_s", "tick_ms", "avg_samples", "family_ids", "cpus",
-                "cap_table_order", "flows", "processes", "faults"});
+                "cap_table_order", "flows", "processes", "faults", "recorded"});
     Scenario s;
     s.file = file;
     s.name = text(root, doc, "name", "unnamed");
@@ -558,6 +459,12 @@ Scenario parse_scenario(const std::string &text_in, const std::string &file) {
     s.processes = list<ProcessPlan>(root, doc, "processes", parse_process);
     s.faults = list<FaultPlan>(root, doc, "faults", parse_fault);
     check_restarts(root.at("faults"), s);
+    if (doc.contains("recorded")) {
+        s.recorded =
+            std::make_shared<const Recorded>(parse_recorded(root.at("recorded"), doc["recorded"]));
+        s.tick_ms = 0;  // replies come as fast as the daemon asks
+        s.faults.clear();
+    }
     return s;
 }
 

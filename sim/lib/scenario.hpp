@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -14,6 +15,8 @@
 #include "netlink.hpp"
 
 namespace sim {
+
+struct Recorded;
 
 inline constexpr double kForever = std::numeric_limits<double>::infinity();
 inline constexpr int kCpus = 8;
@@ -99,6 +102,8 @@ struct Scenario {
     std::vector<FlowPlan> flows;
     std::vector<ProcessPlan> processes;
     std::vector<FaultPlan> faults;
+    // Set for a scenario served from a log (recorded.hpp): no model, no faults.
+    std::shared_ptr<const Recorded> recorded;
 
     int thread_fail_nth() const;  // 0 when no thread fault
     // The family ids registered at simulated second t: 0 for a family that a

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 
 namespace sim {
@@ -42,27 +43,6 @@ socklen_t make_addr(const std::string &name, sockaddr_un &a) {
     return socklen_t(offsetof(sockaddr_un, sun_path) + name.size() + (abstract ? 0 : 1));
 }
 
-json caps_json(const std::vector<CapEntry> &v) {
-    json a = json::array();
-    for (const auto &c : v)
-        a.push_back({{"cpu", c.cpu},
-                     {"pps_capacity", c.pps_capacity},
-                     {"avg_pps_capacity", c.avg_pps_capacity},
-                     {"bps", c.bps}});
-    return a;
-}
-
-json flows_json(const std::vector<FlowEntry> &v) {
-    json a = json::array();
-    for (const auto &f : v)
-        a.push_back({{"hash", hash_str(f.hash)},
-                     {"cpu", f.cpu},
-                     {"rx_pps", f.rx_pps},
-                     {"avg_pps", f.avg_pps},
-                     {"rx_bps", f.rx_bps}});
-    return a;
-}
-
 }  // namespace
 
 fs::path RunPaths::table(const std::string &name) const {
@@ -80,8 +60,16 @@ Server::Server(const Scenario &s, ServerOptions o)
     tables_.open(paths_.tables(), std::ios::trunc);
     if (!transcript_ || !tables_)
         throw std::runtime_error("cannot write in " + paths_.dir.string());
-    prepare_tables();
-    write_tables(0);
+    if (s_.recorded) {
+        recorded_ = std::make_unique<RecordedModule>(*s_.recorded, o_.recorded_run);
+        recorded_files_ = std::make_unique<RecordedTableFiles>(
+            std::array<fs::path, 3>{paths_.table("caps"), paths_.table("flows"),
+                                    paths_.table("ss_flows")},
+            [this](json rec) { record(std::move(rec)); }, o_.records ? &tables_ : nullptr);
+    } else {
+        prepare_tables();
+        write_tables(0);
+    }
     listen_fd_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (listen_fd_ < 0)
         sys_fail("socket");
@@ -253,6 +241,15 @@ void Server::write_tables(double t) {
     module_.published(std::move(caps), std::move(gold), std::move(ss));
 }
 
+void Server::publish(const Response &r, double t) {
+    if (!recorded_) {
+        model_.advance_to(t);
+        write_tables(t);
+    } else if (r.step) {
+        recorded_files_->apply(*r.step, t);
+    }
+}
+
 void Server::accept_one() {
     int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0)
@@ -266,8 +263,7 @@ void Server::send(int fd, int conn, const Response &r, const json &in, double t)
         if (r.replies.empty()) {
             end_run();
         } else {
-            model_.advance_to(t);
-            write_tables(t);
+            publish(r, t);
             syncs_.fetch_add(1, std::memory_order_relaxed);
         }
     }
@@ -296,7 +292,7 @@ bool Server::serve(Conn &c) {
     }
     double t = sim_now();
     std::span<const uint8_t> dgram(buf, size_t(n));
-    Request peek = decode_request(dgram, s_.ids_at(t));
+    Request peek = decode_request(dgram, recorded_ ? recorded_->ids() : s_.ids_at(t));
     if (peek.kind == Kind::Lookup && peek.family == "DULOX_ZEB")
         end_run();
     double tick = s_.tick_ms / 1000.0;
@@ -316,7 +312,7 @@ bool Server::serve(Conn &c) {
     json in = {{"t", t}, {"n", next_req_++}, {"conn", c.id}, {"dir", "in"}};
     if (held > 0)
         in["clock_held_s"] = held;
-    Response r = module_.handle(dgram, t, in);
+    Response r = recorded_ ? recorded_->handle(dgram, t, in) : module_.handle(dgram, t, in);
     record(in);
     if (hold_ && peek.kind == Kind::Sync && !r.replies.empty())
         held_.push_back({0, c.fd, c.id, std::move(r), in});
@@ -324,6 +320,8 @@ bool Server::serve(Conn &c) {
         pending_.push_back({*reply_tick, c.fd, c.id, std::move(r), in});
     else
         send(c.fd, c.id, r, in, t);
+    if (recorded_ && recorded_->done())
+        recorded_done_.store(true);  // after the held request's record
     return true;
 }
 
@@ -432,6 +430,11 @@ void Server::run() {
 void Server::stop() {
     char c = 1;
     [[maybe_unused]] ssize_t n = ::write(stop_fd_[1], &c, 1);
+}
+
+json Server::recorded_progress() {
+    std::lock_guard lock(mu_);
+    return recorded_ ? recorded_->progress() : json();
 }
 
 json Server::snapshot() {

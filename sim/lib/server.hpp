@@ -22,6 +22,8 @@
 
 #include "model.hpp"
 #include "module.hpp"
+#include "recorded_module.hpp"
+#include "recorded_tables.hpp"
 #include "scenario.hpp"
 
 namespace sim {
@@ -33,6 +35,7 @@ struct ServerOptions {
     std::string socket_name;   // "@name" for the abstract namespace, else a path
     double time_factor = 1.0;  // real seconds per simulated second
     bool records = true;       // transcript and tables.jsonl; off for benchmarks
+    size_t recorded_run = 0;   // the run a recorded scenario serves
 };
 
 // Paths inside a run directory.
@@ -76,6 +79,9 @@ class Server {
     // While on, sync replies wait: the client blocks in its receive, using no
     // CPU, and goes on when they are released (benchmark rounds).
     void hold_syncs(bool on) { hold_.store(on); }
+    // A recorded scenario's run is over: both sides wait for steps that are used up.
+    bool recorded_done() const { return recorded_done_.load(); }
+    nlohmann::ordered_json recorded_progress();  // thread-safe; null when not recorded
 
    private:
     struct Conn {
@@ -92,6 +98,7 @@ class Server {
 
     void prepare_tables();
     void write_tables(double t);
+    void publish(const Response &r, double t);  // the tables a sync reply stands for
     void record(nlohmann::ordered_json rec);
     void accept_one();
     bool serve(Conn &c);
@@ -111,6 +118,9 @@ class Server {
     RunPaths paths_;
     Model model_;
     Module module_;
+    std::unique_ptr<RecordedModule> recorded_;
+    std::unique_ptr<RecordedTableFiles> recorded_files_;
+    std::atomic<bool> recorded_done_{false};
     std::mutex mu_;
     std::ofstream transcript_, tables_;
     std::function<void(const nlohmann::ordered_json &)> observer_;

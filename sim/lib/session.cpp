@@ -30,10 +30,11 @@ Session::Session(SessionOptions o) : o_(std::move(o)) {
     // simulated second, or it misses the scenario's early events.
     if (const char *scale = std::getenv("ZEBUSR_SIM_TIME_SCALE"))
         o_.time_factor *= std::max(1.0, std::strtod(scale, nullptr));
-    if (o_.tick_ms)
+    if (o_.tick_ms && !o_.scenario.recorded)  // a recorded run is unpaced
         o_.scenario.tick_ms = *o_.tick_ms;
     server_ = std::make_unique<Server>(
-        o_.scenario, ServerOptions{o_.run_dir, unique_socket_name(), o_.time_factor, o_.records});
+        o_.scenario, ServerOptions{o_.run_dir, unique_socket_name(), o_.time_factor, o_.records,
+                                   o_.recorded_run});
     if (o_.observer)
         server_->set_observer(o_.observer);
     thread_ = std::thread([this] { server_->run(); });
@@ -135,6 +136,12 @@ std::optional<int> Session::wait_exit(double timeout_s) {
             return std::nullopt;
         ::usleep(2000);
     }
+}
+
+bool Session::recorded_done() {
+    if (!o_.scenario.recorded)
+        return false;
+    return server_->recorded_done() || (pid_ > 0 && wait_exit(0));
 }
 
 void Session::kill_daemon() {

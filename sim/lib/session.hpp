@@ -25,8 +25,9 @@ struct SessionOptions {
     fs::path preload;               // libzebusr_preload.so
     std::vector<std::string> args;  // daemon arguments
     double time_factor = 1.0;
-    std::optional<double> tick_ms;                                 // overrides the scenario's
-    bool records = true;                                           // transcript and tables.jsonl
+    std::optional<double> tick_ms;  // overrides the scenario's
+    bool records = true;            // transcript and tables.jsonl
+    size_t recorded_run = 0;        // the run a recorded scenario serves
     std::function<void(const nlohmann::ordered_json &)> observer;  // runs on the simulator thread
 };
 
@@ -44,6 +45,9 @@ class Session {
     bool daemon_running() const { return pid_ > 0 && !status_; }
     std::optional<int> exit_status() const { return status_; }
     void kill_daemon();
+    // A recorded scenario's run is over: both sides' steps are used up, or
+    // the daemon has exited (then reaped). Always false for other scenarios.
+    bool recorded_done();
 
     pid_t pid() const { return pid_; }
     double sim_now() const { return server_->sim_now(); }

@@ -1,5 +1,7 @@
 #include "tables.hpp"
 
+#include "model.hpp"
+
 namespace sim {
 
 Bytes encode_caps(std::span<const CapEntry> entries) {
@@ -46,6 +48,27 @@ std::vector<FlowEntry> decode_flows(std::span<const uint8_t> p, size_t max) {
                      get_u16(p, o + 28)});
     }
     return v;
+}
+
+nlohmann::ordered_json caps_json(const std::vector<CapEntry> &v) {
+    nlohmann::ordered_json a = nlohmann::ordered_json::array();
+    for (const auto &c : v)
+        a.push_back({{"cpu", c.cpu},
+                     {"pps_capacity", c.pps_capacity},
+                     {"avg_pps_capacity", c.avg_pps_capacity},
+                     {"bps", c.bps}});
+    return a;
+}
+
+nlohmann::ordered_json flows_json(const std::vector<FlowEntry> &v) {
+    nlohmann::ordered_json a = nlohmann::ordered_json::array();
+    for (const auto &f : v)
+        a.push_back({{"hash", hash_str(f.hash)},
+                     {"cpu", f.cpu},
+                     {"rx_pps", f.rx_pps},
+                     {"avg_pps", f.avg_pps},
+                     {"rx_bps", f.rx_bps}});
+    return a;
 }
 
 }  // namespace sim

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <vector>
@@ -38,5 +39,9 @@ Bytes encode_flows(std::span<const FlowEntry> entries, std::optional<uint16_t> l
 
 std::vector<CapEntry> decode_caps(std::span<const uint8_t> page);
 std::vector<FlowEntry> decode_flows(std::span<const uint8_t> page, size_t max = kFlowFit);
+
+// As tables.jsonl shows them.
+nlohmann::ordered_json caps_json(const std::vector<CapEntry> &v);
+nlohmann::ordered_json flows_json(const std::vector<FlowEntry> &v);
 
 }  // namespace sim

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "recorded.hpp"
 #include "replay.hpp"
 #include "report.hpp"
 #include "runview.hpp"
@@ -38,7 +39,8 @@ const char kUsage[] =
     "      --no-report       no picture (report.png) of the run\n"
     "  -q, --quiet           no line per decision\n"
     "Without a DAEMON the simulator serves alone and prints the environment to start one with.\n"
-    "At the end of the duration the daemon gets SIGTERM.\n";
+    "At the end of the duration the daemon gets SIGTERM; with a recorded scenario, once the\n"
+    "run's steps are used up; a daemon given no arguments gets \"verbose\" if the logged one was.\n";
 
 struct Timed {
     double at;
@@ -58,6 +60,7 @@ struct Args {
     bool quiet = false;
     bool scorecard = false;
     bool report = true;
+    size_t run = 0;  // of a recorded scenario
     std::vector<std::string> daemon;
 };
 
@@ -116,6 +119,11 @@ Args parse_args(int argc, char **argv) {
                 throw UsageError("--signal wants SECONDS:NAME, not " + v);
             a.signals.push_back(
                 {number(s, v.substr(0, c)), signal_number(v.substr(c + 1)), v.substr(c + 1)});
+        } else if (s == "--run") {
+            double k = number(s, value());
+            if (k != double(size_t(k)))
+                throw UsageError("--run needs a whole number");
+            a.run = size_t(k);
         } else if (s == "--preload") {
             a.preload = value();
         } else if (s == "--check") {
@@ -162,8 +170,16 @@ void sleep_real(double s) {
     std::this_thread::sleep_for(std::chrono::duration<double>(s));
 }
 
-void print_device(const sim::Scenario &s) {
+void print_device(const sim::Scenario &s, size_t run) {
     std::printf("Scenario %s (%s): %s\n", s.name.c_str(), s.file.c_str(), s.description.c_str());
+    if (s.recorded) {
+        const sim::RecordedRun &r = s.recorded->runs.at(run);
+        std::printf(
+            "  recorded run %zu of %zu: log lines %ld-%ld, %zu steering and %zu core steps\n", run,
+            s.recorded->runs.size(), r.first_line, r.last_line, r.steering.size(), r.core.size());
+        std::fflush(stdout);
+        return;
+    }
     std::printf("  device: 8 CPUs, max pps");
     for (int c = 0; c < sim::kCpus; ++c) std::printf(" cpu%d=%.0f", c, s.cpus[c].max_pps);
     std::printf("\n  %zu flow(s), %zu process(es), %zu fault(s), tick %.0f ms\n", s.flows.size(),
@@ -176,39 +192,38 @@ void print_device(const sim::Scenario &s) {
     std::fflush(stdout);
 }
 
-int run(const Args &a, const sim::Scenario &sc) {
-    double duration = a.duration.value_or(sc.duration_s);
-    sim::Reporter rep(stdout, !a.quiet);
+sim::SessionOptions session_options(const Args &a, const sim::Scenario &sc, sim::Reporter &rep) {
     sim::SessionOptions o;
     o.scenario = sc;
     o.run_dir = a.out.empty() ? default_out(sc.name) : a.out;
     o.time_factor = a.factor;
     o.tick_ms = a.tick_ms;
+    o.recorded_run = a.run;
     o.preload = a.preload.empty() ? self_dir() / "libzebusr_preload.so" : a.preload;
     if (!a.daemon.empty()) {
         o.daemon = a.daemon[0];
         o.args.assign(a.daemon.begin() + 1, a.daemon.end());
+        // Any argument turns verbose logging on, as the logged daemon had it.
+        if (sc.recorded && o.args.empty() && sc.recorded->runs.at(a.run).verbose)
+            o.args.push_back("verbose");
     }
     o.observer = [&rep](const nlohmann::ordered_json &r) { rep.on_record(r); };
-    print_device(sc);
-    sim::Session ses(o);
-    ::signal(SIGINT, on_interrupt);
-    ::signal(SIGTERM, on_interrupt);
-    if (a.daemon.empty()) {
-        std::printf(
-            "Simulator serving for %.1f simulated seconds. Start the daemon with:\n"
-            "  LD_PRELOAD=%s ZEBUSR_SIM_SOCKET=%s ZEBUSR_SIM_RUNDIR=%s ZEBUSR_SIM_TIME_FACTOR=%g "
-            "ASAN_OPTIONS=verify_asan_link_order=0 zebusrd\n",
-            duration, fs::absolute(o.preload).c_str(), ses.server().socket_name().c_str(),
-            fs::absolute(ses.paths().dir).c_str(), a.factor);
-    } else {
-        std::printf("Starting %s under the simulator (time factor %g)\n\n", o.daemon.c_str(),
-                    a.factor);
-        ses.start_daemon();
-    }
-    std::fflush(stdout);
+    return o;
+}
+
+// Until the duration (a recorded run: until its steps are used up), sending
+// the timed signals; then stops the daemon. Its exit status, or -1.
+int serve_until_done(const Args &a, sim::Session &ses, sim::Reporter &rep, double duration) {
+    bool recorded = bool(ses.scenario().recorded);
+    auto going = [&] {
+        if (g_interrupted)
+            return false;
+        if (recorded)
+            return !ses.recorded_done();
+        return ses.sim_now() < duration && (a.daemon.empty() || !ses.wait_exit(0));
+    };
     auto pending = a.signals;
-    while (ses.sim_now() < duration && !g_interrupted && (a.daemon.empty() || !ses.wait_exit(0))) {
+    while (going()) {
         for (auto it = pending.begin(); it != pending.end();) {
             if (ses.sim_now() < it->at) {
                 ++it;
@@ -220,27 +235,28 @@ int run(const Args &a, const sim::Scenario &sc) {
         }
         sleep_real(0.005);
     }
-    int status = -1;
-    if (!a.daemon.empty()) {
-        if (ses.daemon_running()) {
-            rep.note(ses.sim_now(), "SIGNAL SIGTERM sent to the daemon (end of run)");
-            ses.signal(SIGTERM);
-        }
-        auto st = ses.wait_exit(5);
-        if (!st) {
-            rep.note(ses.sim_now(), "daemon did not stop within 5 s; killed");
-            ses.kill_daemon();
-            st = ses.exit_status();
-        }
-        status = st.value_or(-1);
-        rep.note(ses.sim_now(), "daemon exited with status " + std::to_string(status));
+    if (a.daemon.empty())
+        return -1;
+    if (ses.daemon_running()) {
+        rep.note(ses.sim_now(), recorded ? "SIGNAL SIGTERM sent to the daemon (recorded run done)"
+                                         : "SIGNAL SIGTERM sent to the daemon (end of run)");
+        ses.signal(SIGTERM);
     }
-    auto device = ses.server().snapshot();
-    rep.summary(device, ses.sim_now(), status);
-    std::ofstream(ses.paths().dir / "summary.json") << device.dump(2) << '\n';
-    const auto &p = ses.paths();
-    // The picture and the scorecard replay the device tick by tick from the
-    // transcript, so both ways are sampled alike.
+    auto st = ses.wait_exit(5);
+    if (!st) {
+        rep.note(ses.sim_now(), "daemon did not stop within 5 s; killed");
+        ses.kill_daemon();
+        st = ses.exit_status();
+    }
+    int status = st.value_or(-1);
+    rep.note(ses.sim_now(), "daemon exited with status " + std::to_string(status));
+    return status;
+}
+
+// The picture and the scorecard replay the device tick by tick from the
+// transcript, so both ways are sampled alike.
+fs::path picture_and_scorecard(const Args &a, const sim::Scenario &sc, const sim::RunPaths &p,
+                               double duration) {
     auto decisions = sim::read_decisions(p.transcript());
     auto with = sim::replay(sc, decisions, duration);
     std::string card = sim::scorecard(sc, decisions, sim::replay(sc, {}, duration), with);
@@ -251,6 +267,10 @@ int run(const Args &a, const sim::Scenario &sc) {
     std::string why;
     if (a.report && (png = sim::write_picture(p.dir, sc, decisions, with, why)).empty())
         std::printf("\nNo picture of the run: %s\n", why.c_str());
+    return png;
+}
+
+void print_outputs(const sim::RunPaths &p, bool scorecard, const fs::path &png) {
     std::printf(
         "\nOutput folder: %s\n  log         %s\n  csv         %s\n  transcript  %s\n  tables      "
         "%s\n"
@@ -258,9 +278,48 @@ int run(const Args &a, const sim::Scenario &sc) {
         fs::absolute(p.dir).c_str(), fs::relative(p.log(), p.dir).c_str(),
         fs::relative(p.csv(), p.dir).c_str(), p.transcript().filename().c_str(),
         p.tables().filename().c_str(), p.preload().filename().c_str());
-    std::printf("  scorecard   scorecard.txt\n");
+    if (scorecard)
+        std::printf("  scorecard   scorecard.txt\n");
     if (!png.empty())
         std::printf("  picture     %s\n", fs::absolute(png).c_str());
+}
+
+int run(const Args &a, const sim::Scenario &sc) {
+    double duration = a.duration.value_or(sc.duration_s);
+    sim::Reporter rep(stdout, !a.quiet);
+    sim::SessionOptions o = session_options(a, sc, rep);
+    print_device(sc, a.run);
+    sim::Session ses(o);
+    ::signal(SIGINT, on_interrupt);
+    ::signal(SIGTERM, on_interrupt);
+    if (a.daemon.empty()) {
+        std::printf(
+            "Simulator serving for %s. Start the daemon with:\n"
+            "  LD_PRELOAD=%s ZEBUSR_SIM_SOCKET=%s ZEBUSR_SIM_RUNDIR=%s ZEBUSR_SIM_TIME_FACTOR=%g "
+            "ASAN_OPTIONS=verify_asan_link_order=0 zebusrd\n",
+            sc.recorded ? "the recorded run"
+                        : (std::to_string(duration) + " simulated seconds").c_str(),
+            fs::absolute(o.preload).c_str(), ses.server().socket_name().c_str(),
+            fs::absolute(ses.paths().dir).c_str(), a.factor);
+    } else {
+        std::printf("Starting %s under the simulator (time factor %g)\n\n", o.daemon.c_str(),
+                    a.factor);
+        ses.start_daemon();
+    }
+    std::fflush(stdout);
+    int status = serve_until_done(a, ses, rep, duration);
+    const auto &p = ses.paths();
+    if (sc.recorded) {  // no device model: what is left is how far the run went
+        auto progress = ses.server().recorded_progress();
+        std::printf("\nRecorded run %zu: %s\n", a.run, progress.dump().c_str());
+        std::ofstream(p.dir / "summary.json") << progress.dump(2) << '\n';
+        print_outputs(p, false, {});
+        return 0;
+    }
+    auto device = ses.server().snapshot();
+    rep.summary(device, ses.sim_now(), status);
+    std::ofstream(p.dir / "summary.json") << device.dump(2) << '\n';
+    print_outputs(p, true, picture_and_scorecard(a, sc, p, duration));
     return 0;
 }
 
@@ -277,6 +336,11 @@ int main(int argc, char **argv) {
         return 2;
     } catch (const sim::ScenarioError &e) {
         std::fprintf(stderr, "zebusr-sim: %s\n", e.what());
+        return 2;
+    }
+    if (sc.recorded && a.run >= sc.recorded->runs.size()) {
+        std::fprintf(stderr, "zebusr-sim: %s has %zu recorded run(s); there is no run %zu\n",
+                     a.scenario.c_str(), sc.recorded->runs.size(), a.run);
         return 2;
     }
     if (a.check) {
