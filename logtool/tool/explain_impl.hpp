@@ -43,7 +43,9 @@ class Clock {
 
    private:
     static constexpr size_t kSlots = 1 << 16;
+    static constexpr uint64_t kNoStamp = ~0ull;
     bool tod_of(uint64_t line, uint64_t &tod) const;
+    bool unstamped(uint64_t line) const;
     std::vector<std::pair<uint64_t, uint64_t>> ring_;  // (line, tod), slot line % kSlots
     std::vector<int64_t> offset_;                      // per run: tod - t, -1 unknown
 };

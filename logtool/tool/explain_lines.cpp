@@ -123,8 +123,7 @@ std::string code_text(const Answer &a) {
 Clock::Clock() : ring_(kSlots, {0, 0}) {}
 
 void Clock::note(const LogLine &l) {
-    if (stamped(l))
-        ring_[l.no % kSlots] = {l.no, l.tod_us % kDayUs};
+    ring_[l.no % kSlots] = {l.no, stamped(l) ? l.tod_us % kDayUs : kNoStamp};
 }
 
 bool Clock::tod_of(uint64_t line, uint64_t &tod) const {
@@ -135,9 +134,16 @@ bool Clock::tod_of(uint64_t line, uint64_t &tod) const {
     return true;
 }
 
+bool Clock::unstamped(uint64_t line) const {
+    const auto &slot = ring_[line % kSlots];
+    return line != 0 && slot.first == line && slot.second == kNoStamp;
+}
+
 Stamp Clock::at(uint64_t run, uint64_t line, uint64_t t_us) {
     Stamp s;
     s.t_us = t_us;
+    if (unstamped(line))
+        return s;  // a line without a stamp of its own shows none
     if (tod_of(line, s.tod_us)) {
         s.tod_known = true;
         if (run < (1u << 16)) {
@@ -155,7 +161,7 @@ Stamp Clock::at(uint64_t run, uint64_t line, uint64_t t_us) {
 Stamp Clock::after(const Stamp &from, uint64_t line) const {
     Stamp s = from;
     uint64_t tod;
-    if (!tod_of(line, tod) || !from.tod_known)
+    if (unstamped(line) || !tod_of(line, tod) || !from.tod_known)
         return s;
     s.t_us = from.t_us + (tod + kDayUs - from.tod_us) % kDayUs;
     s.tod_us = tod;

@@ -56,6 +56,12 @@ std::string with_text(const char *head, const std::string &text) {
     return text.empty() ? std::string(head) : std::string(head) + ": " + text;
 }
 
+// "... failed at first sync: no answer (time-out)"
+std::string failed_text(const char *head, const Event &e) {
+    std::string s = std::string(head) + (e.text.empty() ? std::string() : " at " + e.text);
+    return e.answer.outcome == Outcome::Unknown ? s : s + ": " + why(e.answer);
+}
+
 // A problem line's text, short and printable: it may be a megabyte of bytes.
 std::string clip(std::string_view t) {
     constexpr size_t kShown = 60;
@@ -92,13 +98,13 @@ std::string event_text(const Event &e) {
         case EventKind::Lookup:
             return lookup_text(e);
         case EventKind::ConnectFailed:
-            return with_text("CONNECT attempt failed", e.text) + " (" + why(e.answer) + ")";
+            return failed_text("CONNECT attempt failed", e);
         case EventKind::Connected:
             return "CONNECTED to dulox_zeb.ko " + attempts(e.number);
         case EventKind::SyncFailed:
             return "SYNC FAILED: " + why(e.answer) + " -> reconnecting";
         case EventKind::CoreConnectFailed:
-            return with_text("CORE   connect attempt failed", e.text);
+            return failed_text("CORE   connect attempt failed", e);
         case EventKind::CoreConnected:
             return "CORE   CONNECTED to dulox core driver " + attempts(e.number);
         case EventKind::CoreGaveUp:
