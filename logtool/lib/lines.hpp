@@ -30,6 +30,11 @@ bool parse_line(std::string_view text, uint64_t no, LogLine &out);
 // since midnight. The log's prefix and the CSV's rows share it.
 bool parse_stamp(std::string_view s, uint64_t &tod_us);
 
+// Matches a message (the text after the prefix) against the formats of
+// out.func, preferring those at out.level and then the most specific. Sets
+// out.msg and out.args, or out.problem UnknownMessage or WrongLevel.
+bool match_message(std::string_view msg, LogLine &out);
+
 // Whether the message's format ends in "\n", so that an empty line follows.
 bool ends_with_blank(Msg m);
 
@@ -61,6 +66,7 @@ class LineReader {
    private:
     void line_done(std::string_view text, bool too_long, bool cut);
     void hand_on(Problem p);
+    void hand_on_blank(Problem p);
 
     LineSink &sink_;
     Splitter split_;
@@ -74,5 +80,7 @@ void read_lines_text(std::string_view text, LineSink &sink);
 // Path "-" is standard input. False, with `why`, only when the file cannot be
 // opened or read at all.
 bool read_lines_file(const std::string &path, LineSink &sink, std::string &why);
+// The same through a reader of the caller's (which then knows the count).
+bool read_lines_file(const std::string &path, LineReader &reader, std::string &why);
 
 }  // namespace zlog

@@ -57,7 +57,9 @@ class Splitter {
 };
 
 // Whether a byte is one a text line may hold: TAB, or not a control byte.
-inline bool text_byte(unsigned char c) { return c == '\t' || (c >= 0x20 && c != 0x7f); }
+inline bool text_byte(unsigned char c) {
+    return c == '\t' || (c >= 0x20 && c != 0x7f);
+}
 
 inline bool all_text(std::string_view s) {
     for (unsigned char c : s)
