@@ -170,7 +170,7 @@ int verb_explain(const Words &w) {
     explain::Explainer ex(std::cout);
     std::string why;
     if (!read_log(log, ex, why)) {
-        std::cerr << "zebusr-log explain: " << log << ": " << why << "\n";
+        std::cerr << "zebusr-log explain: " << why << "\n";  // why names the file
         return 2;
     }
     if (with_csv && ex.lines() > 0 && !explain::read_csv_file(csv, ex.summary(), why))

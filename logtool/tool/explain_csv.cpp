@@ -18,7 +18,8 @@ class CsvCount {
         no_++;
         if (!r.empty() && r.back() == '\r')
             r.remove_suffix(1);
-        if (no_ == 1 && r.substr(0, 5) == "Time,")
+        // Each SIGUSR1 opens the capture again and writes the header again.
+        if (r.substr(0, 5) == "time,")
             return;
         if (no_ == 1)
             problem("no header");

@@ -294,7 +294,7 @@ TEST(Explain, DecisionsStoryAndSummary) {
 TEST(Explain, CsvAndNothingToRead) {
     std::ostringstream out;
     std::string_view csv =
-        "Time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7\n09:00:00.100000,1,1,2,3,4,5,6,7,8\n"
+        "time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7\n09:00:00.100000,1,1,2,3,4,5,6,7,8\n"
         "09:00:01.100000,2,1,2\n09:00:02.000000,3,1,2,3,4,5,6,7,8\n";
     EXPECT_EQ(zlog::explain_text(Log().start(true).text, out, &csv), 0);
     EXPECT_NE(
