@@ -15,18 +15,41 @@ read -r zeb2 core2 < <(ids transcript-2.txt)
 daemon=$(sed -n 's/^daemon pid //p' "$out/scenario.txt")
 
 # Log lines as "function (LEVEL): text": no time stamp, no source line, no
-# blank lines; descriptors and sequence numbers vary from run to run.
+# blank lines; descriptors and sequence numbers vary from run to run. The
+# lines are zebusr-log's reading of the log (scripts/zebusr-log.sh lines).
 # The daemon writes a line as prefix, text and newline without a lock, so two
-# threads' lines can interleave: each prefix starts a line again, and a text
-# that lost its prefix goes back to the last prefix still without one.
+# threads' lines can interleave: a prefix followed by another thread's whole
+# line is read as a line that does not match; its text, given to the reader
+# again, is that other line, and the text that lost its prefix (on a line of
+# its own) goes back to the last prefix still without one.
+tsv() {
+    local tool=$here/../scripts/zebusr-log.sh
+    if [ ! -f "$out/.lines.tsv" ]; then
+        "$tool" lines "$out/zebusr_log.txt" >"$out/.lines.tsv"
+        # The text of each unmatched line with a prefix, on odd lines.
+        awk -F'\t' '$5 == "?" && $2 != "-" { for (k = 0; k < 6; k++) sub(/^[^\t]*\t/, ""); print; print "" }' \
+            "$out/.lines.tsv" | "$tool" lines - >"$out/.inner.tsv"
+    fi
+}
+
 raw() {
-    sed -E 's/ ?([0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6}) +([a-z_0-9]+)\(\): *[0-9]+ \((HIGH|ERR|MED|LOW)\): /\n\1 \2 (\3): /g' \
-        "$out/zebusr_log.txt" |
-        awk '/^[0-9:.]+ [a-z_0-9]+ \((HIGH|ERR|MED|LOW)\): / { text[NR] = $0; if (/\): $/) bare[++n] = NR; next }
-             /^$/ { next }
-             n { text[bare[n]] = text[bare[n]] $0; n--; next }
-             { text[NR] = $0 }
-             END { for (i = 1; i <= NR; i++) if (i in text) print text[i] }'
+    tsv
+    awk -F'\t' '
+        function rest(line, k) { while (k-- > 0) sub(/^[^\t]*\t/, "", line); return line }
+        function put(t, f, l, m) { text[++n] = t " " f " (" l "): " m; if (m == "") bare[++b] = n }
+        FILENAME == ARGV[1] { if ($2 != "-" && $5 != "?") inner[($1 + 1) / 2] = $0; next }
+        $5 != "?" { put($2, $3, $4, rest($0, 5)); next }
+        $2 != "-" && (++k in inner) {
+            put($2, $3, $4, "")
+            split(inner[k], i, "\t")
+            put(i[2], i[3], i[4], rest(inner[k], 5))
+            next
+        }
+        $2 != "-" { put($2, $3, $4, rest($0, 6)); next }
+        (m = rest($0, 6)) == "" { next }
+        b { text[bare[b]] = text[bare[b]] m; b--; next }
+        { text[++n] = m }
+        END { for (j = 1; j <= n; j++) print text[j] }' "$out/.inner.tsv" "$out/.lines.tsv"
 }
 
 log() {
