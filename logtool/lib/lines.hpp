@@ -13,10 +13,9 @@
 
 namespace zlog {
 
-inline constexpr size_t kReadChunk = 1 << 16;  // bytes read from the file at a time
-inline constexpr size_t kStampWidth = 16;      // " HH:MM:SS.uuuuuu"
-inline constexpr size_t kFuncWidth = 40;       // function names right-aligned in this
-inline constexpr size_t kSrcLineWidth = 3;     // source line numbers, at least this wide
+inline constexpr size_t kStampWidth = 16;   // " HH:MM:SS.uuuuuu"
+inline constexpr size_t kFuncWidth = 40;    // function names right-aligned in this
+inline constexpr size_t kSrcLineWidth = 3;  // source line numbers, at least this wide
 
 // Reads one line (without its line end) into `out`: the stamp, function,
 // source line and level, then the message against that function's formats.

@@ -77,6 +77,14 @@ bool read_lines_file(const std::string &path, LineSink &sink, std::string &why) 
 }
 
 bool read_lines_file(const std::string &path, LineReader &r, std::string &why) {
+    bool ok = read_chunks(
+        path, [&](std::string_view bytes) { r.feed(bytes); }, why);
+    r.finish();
+    return ok;
+}
+
+bool read_chunks(const std::string &path, const std::function<void(std::string_view)> &feed,
+                 std::string &why) {
     int fd = path == "-" ? 0 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         why = path + ": " + std::strerror(errno);
@@ -91,17 +99,14 @@ bool read_lines_file(const std::string &path, LineReader &r, std::string &why) {
         if (n < 0)
             break;
         total += n;
-        r.feed(std::string_view(buf.get(), n));
+        feed(std::string_view(buf.get(), n));
     }
     int err = n < 0 ? errno : 0;
     if (fd != 0)
         ::close(fd);
-    r.finish();
-    if (err) {  // what came before the error was read; nothing at all is a failure
+    if (err)
         why = path + ": " + std::strerror(err);
-        return total > 0;
-    }
-    return true;
+    return !err || total > 0;
 }
 
 }  // namespace zlog

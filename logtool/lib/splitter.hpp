@@ -3,12 +3,15 @@
 #pragma once
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
 
 #include "logmodel.hpp"
 
 namespace zlog {
+
+inline constexpr size_t kReadChunk = 1 << 16;  // bytes read from a file at a time
 
 // on_line(text, too_long, cut) is called once per line, without its '\n';
 // `text` is valid only during the call.
@@ -55,6 +58,12 @@ class Splitter {
     std::string partial_;    // a line split across pieces, at most kMaxLine bytes
     bool skipping_ = false;  // the current line is past kMaxLine
 };
+
+// Reads a file (path "-" is standard input) in chunks of kReadChunk bytes
+// into `feed`. False, with `why`, when it cannot be opened or nothing at all
+// can be read; an error after some bytes sets `why` and returns true.
+bool read_chunks(const std::string &path, const std::function<void(std::string_view)> &feed,
+                 std::string &why);
 
 // Whether a byte is one a text line may hold: TAB, or not a control byte.
 inline bool text_byte(unsigned char c) {
