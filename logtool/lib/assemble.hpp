@@ -73,6 +73,7 @@ class Assembler : public LineSink {
     void close_gap(uint64_t last);
     void problem(const LogLine &l);
     void note(uint64_t line, std::string text);
+    void crlf_note();
     Event &fresh(EventKind k, uint64_t line);
     void emit(const Event &e) { sink_.event(e); }
 
@@ -181,6 +182,7 @@ class Assembler : public LineSink {
     bool gap_open_ = false;
     uint64_t gap_line_ = 0, gap_t_ = 0;
     bool crlf_noted_ = false;
+    uint64_t crlf_line_ = 0;
     std::string end_why_;
     bool end_exit_ = false;
     bool cleaned_ = false;

@@ -79,7 +79,9 @@ bool Assembler::begin_line(const LogLine &l) {
     advance_time(l);
     if (l.problem == Problem::CrLf && !crlf_noted_) {
         crlf_noted_ = true;
-        note(l.no, "lines end in CR LF (read without the CR)");
+        crlf_line_ = l.no;
+        if (!start_pending_)  // else told after the run's start
+            crlf_note();
     }
     if (!verbose_known_ && verbose_level(l.level)) {
         verbose_ = verbose_known_ = true;
@@ -137,12 +139,18 @@ void Assembler::start_run(const LogLine &l, bool mid_run) {
     gap_t_ = 0;
 }
 
+void Assembler::crlf_note() {
+    note(crlf_line_, "lines end in CR LF (read without the CR)");
+}
+
 void Assembler::emit_run_start(bool verbose_boot) {
     start_pending_ = false;
     Event &e = fresh(EventKind::RunStart, run_first_line_);
     e.t_us = 0;
     e.number = verbose_boot ? 1 : 0;
     emit(e);
+    if (crlf_noted_)
+        crlf_note();
     verbose_ = verbose_boot;
     if (!verbose_boot) {
         gap_open_ = true;
