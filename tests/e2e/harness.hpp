@@ -36,6 +36,10 @@ class Daemon {
     void stop(int sig = SIGTERM);  // expects exit status 0
     bool wait_until(const std::function<bool()> &cond);  // bounded; polls
     bool wait_log(const std::string &needle, size_t count = 1);
+    // A recorded scenario's run has ended by itself (steps used up or daemon gone).
+    bool wait_recorded_done() {
+        return wait_until([this] { return session_->recorded_done(); });
+    }
     bool wait_answer(const std::string &kind,
                      const std::function<bool(const Json &in, const Json &out)> &pred = {},
                      size_t count = 1);
