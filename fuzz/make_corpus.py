@@ -417,15 +417,32 @@ def logread_corpus():
         "verbose_off_on": log_text(START + UP[:10] + [(261, "zebusr_stop_logging", "HIGH", "Stopping verbose logging")]
                                    + UP[-3:] + [(257, "zebusr_start_logging", "HIGH", "Starting verbose logging"),
                                                 (262, "zebusr_start_logging", "HIGH", "CSV File opened")] + DOWN),
-        "hash_0": log_text(sync + gold_table([(0xb0b0, 5), (0, 6)]) + [
-            (48, "zebusr_read_gold_flows", "ERR", "Invalid hash, breaking")] + DOWN),
+        # The daemon logs no entry for a zero hash, and none past the 128th.
+        "hash_0": log_text(sync + gold_table([(0xb0b0, 5)], count=2) + [
+            (48, "zebusr_read_gold_flows", "ERR", "Invalid hash, breaking")] + DOWN[5:]),
         "cpu_8": log_text(sync + caps[:1] + [UP[0]] + cpu8),
-        "flows_200": log_text(sync + gold_table([(0x1000 + i, 4 + i % 4) for i in range(200)]) + [
-            (47, "zebusr_read_gold_flows", "ERR", "Max user flows reached")] + DOWN),
+        "flows_200": log_text(sync + gold_table([(0x1000 + i, 4 + i % 4) for i in range(128)], count=200) + [
+            (47, "zebusr_read_gold_flows", "ERR", "Max user flows reached")] + DOWN[5:]),
         "columns": log_text(UP[:8]).replace(b"       zebusr_sync():", b"zebusr_sync():       ", 1),
         "wrong_level": log_text(UP[:8]).replace(b"(LOW): ####", b"(ERR): ####", 1),
         "not_a_log": b"Hello, phone\nkernel: oops\n\x00\x01\x02\n",
+        # The same harness reads the CSV capture.
+        "csv": csv_rows(14, 6), "csv_no_header": csv_rows(14, 3)[len(CSV_HEADER) + 1:],
+        "csv_short_rows": csv_rows(14, 2) + b"09:41:09.677791,16,25000,30000\n,,\n" + CSV_HEADER + b"\r\n"
+        + csv_rows(3, 1)[len(CSV_HEADER) + 1:],
     }
+
+
+CSV_HEADER = b"time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7"
+
+
+def csv_rows(seq, n):
+    """A capture as the daemon writes it: its header, then a row per cycle."""
+    rows = [CSV_HEADER]
+    for k in range(n):
+        rows.append(b"09:41:%02d.%06d,%d,25000,30000,25000,25000,180000,140000,110000,180000"
+                    % (9 + k // 20, 527671 + 50000 * (k % 20), seq + k))
+    return b"\n".join(rows) + b"\n"
 
 
 def main():
