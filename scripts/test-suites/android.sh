@@ -32,6 +32,19 @@ check "bpfmt -d Android.bp" bpfmt_clean Android.bp
 
 check "TEST_MAPPING as JSON" jq empty TEST_MAPPING
 
+# The genrule's awk script must make the log reader's table as CMake does.
+same_log_messages() {
+    local dir rc
+    dir=$(mktemp -d)
+    cmake -DIN=logtool/log_lines.tsv -DOUT="$dir/cmake.inc" -P logtool/gen_messages.cmake &&
+        awk -f logtool/gen_messages.awk logtool/log_lines.tsv >"$dir/awk.inc" &&
+        diff -u "$dir/cmake.inc" "$dir/awk.inc"
+    rc=$?
+    rm -rf "$dir"
+    return $rc
+}
+check "log_messages.inc from gen_messages.awk" same_log_messages
+
 # The policy compiled by checkpolicy against the kernel's classes and
 # permissions (from Debian's reference policy sources), with stand-ins for the
 # platform's attributes, init's domain and init_daemon_domain. Each

@@ -89,7 +89,7 @@ TEST(AndroidFiles, NameOnlyWhatExists) {
     const std::string bp = lines_of("Android.bp");
     for (const std::string &name : matches(lines_of("TEST_MAPPING"), "\"name\": (\"\\w+\")"))
         EXPECT_NE(bp.find("\nname: " + name + ",\n"), std::string::npos) << name;
-    for (const std::string &file : matches(bp, "\"([\\w/.]+\\.(cpp|rc))\""))
+    for (const std::string &file : matches(bp, "\"([\\w/.]+\\.(cpp|rc|tsv|awk))\""))
         EXPECT_TRUE(fs::exists(kRoot / file)) << file;
 }
 
