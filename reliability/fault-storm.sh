@@ -27,9 +27,9 @@ if [ ! -f "$sim/CMakeCache.txt" ]; then
     quiet cmake -S "$root" -B "$sim" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DZEBUSR_BUILD_TESTS=OFF -DZEBUSR_BUILD_BENCH=OFF
 fi
-echo "building zebusrd (ASan+UBSan) in $asan and the simulator in $sim"
+echo "building zebusrd (ASan+UBSan) in $asan, the simulator and zebusr-log in $sim"
 quiet cmake --build "$asan" -j2 --target zebusrd
-quiet cmake --build "$sim" -j2 --target zebusr-sim zebusr_preload
+quiet cmake --build "$sim" -j2 --target zebusr-sim zebusr_preload zebusr-log
 
 exec python3 "$root/reliability/fault_storm.py" --daemon "$asan/zebusrd" \
-    --sim "$sim/sim/zebusr-sim" "$@"
+    --sim "$sim/sim/zebusr-sim" --log-tool "$sim/logtool/zebusr-log" "$@"

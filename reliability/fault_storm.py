@@ -15,7 +15,7 @@ Storms (simulated seconds; the simulator's clock, see sim/README.md):
   i  SIGTERM at 200 random points
 
 Every run, whatever its storm, must also leave a log whose every line is
-whole and one of the daemon's known lines (tests/support/log_lines.tsv),
+whole and one of the daemon's known lines (zebusr-log check),
 whole CSV rows, and no sanitizer report.
 
 Python 3 standard library only.
@@ -35,7 +35,6 @@ import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-TABLE = ROOT / "logtool/log_lines.tsv"
 
 # What the daemon's clean-up writes, in this order, after a stop signal.
 CLEANUP = [("zebusr_sig_handler", "Signal Handler Invoked!"),
@@ -58,69 +57,30 @@ SLACK = 1.0  # simulated seconds (0.1 s real) a step may take beyond its design 
 
 # ---------------------------------------------------------------- log lines
 
-def _format_regex(fmt):
-    out = []
-    for part in re.split(r"(%l?[dusxi])", fmt):
-        if part in ("%s",):
-            out.append(".*")
-        elif part in ("%d", "%i", "%ld"):
-            out.append(r"-?\d+")
-        elif part in ("%u", "%lu"):
-            out.append(r"\d+")
-        elif part == "%x":
-            out.append(r"[0-9a-f]+")
-        else:
-            out.append(re.escape(part))
-    return re.compile("".join(out), re.S)
-
-
-def load_table(path):
-    """function -> [(level, message regex, empty line follows)]"""
-    rows = {}
-    for line in path.read_text().splitlines():
-        if not line or line.startswith("#"):
-            continue
-        _, func, level, fmt = line.split("\t", 3)
-        fmt = fmt.replace("\\n", "\n").replace("\\t", "\t")
-        blank = fmt.endswith("\n")
-        rows.setdefault(func, []).append((level, _format_regex(fmt[:-1] if blank else fmt), blank))
-    return rows
-
-
-PREFIX = re.compile(r" (\d\d:\d\d:\d\d\.\d{6}) ( *)([A-Za-z_]\w*)\(\):( *)(\d+) \((HIGH|ERR|MED|LOW)\): (.*)", re.S)
+def tool_out(cmd):
+    r = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    return r.returncode, r.stdout.decode(errors="replace"), r.stderr.decode(errors="replace")
 
 
 class Log:
-    """The daemon's log, split into (function, level, message) lines."""
+    """The daemon's log as zebusr-log reads it: (function, level, message) of
+    every line that is one of the daemon's, and the problems its check names."""
 
-    def __init__(self, text, table):
-        self.text = text
+    def __init__(self, path, tool):
         self.lines = []
         self.problems = []
-        if text and not text.endswith("\n"):
-            self.problems.append("the last line is not whole: %r" % text[-80:])
-        blank_next = False
-        for raw in text.split("\n")[:-1] if text else []:
-            if blank_next:
-                blank_next = False
-                if raw != "":
-                    self.problems.append("no empty line after a message ending in a newline: %r" % raw)
-                continue
-            m = PREFIX.fullmatch(raw)
-            if not m:
-                self.problems.append("not a log line: %r" % raw)
-                continue
-            _, pad, func, lpad, digits, level, msg = m.groups()
-            if len(pad) + len(func) != max(40, len(func)) or len(lpad) + len(digits) != max(3, len(digits)):
-                self.problems.append("columns out of place: %r" % raw)
-            known = [r for r in table.get(func, []) if r[1].fullmatch(msg)]
-            mine = [r for r in known if r[0] == level]
-            if not mine:
-                self.problems.append(("level should be %s: %r" % (known[0][0], raw)) if known
-                                     else "not a message of %s: %r" % (func, raw))
-                continue
-            blank_next = mine[0][2]
-            self.lines.append((func, level, msg))
+        if not path.exists():
+            return
+        rc, out, err = tool_out([tool, "lines", str(path), "--json"])
+        if rc != 0:
+            self.problems.append("zebusr-log lines: exit %d: %s" % (rc, err.strip()[:200]))
+        for rec in map(json.loads, out.splitlines()):
+            if rec["key"] is not None:
+                self.lines.append((rec["func"], rec["level"], rec["message"]))
+        rc, out, err = tool_out([tool, "check", str(path)])
+        if rc != 0:
+            said = [l.strip() for l in (out + err).splitlines() if l.strip()]
+            self.problems += said or ["zebusr-log check: exit %d" % rc]
 
     def count(self, needle, func=None):
         return sum(1 for f, _, m in self.lines if needle in m and (func is None or f == func))
@@ -269,7 +229,7 @@ class Run:
         m = re.search(r"daemon exit status: (-?\d+)", text)
         self.status = int(m.group(1)) if m else None
         self.trans = Transcript(self.dir / "transcript.jsonl")
-        self.log = Log(self.log_text(), self.ctx.table)
+        self.log = Log(self.log_path, self.ctx.log_tool)
         for p in self.log.problems[:3]:
             self.fail("log: " + p)
         csv = self.dir / "data/vendor/zebusr/zebusr_caps.csv"
@@ -913,6 +873,7 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--daemon", required=True)
     ap.add_argument("--sim", required=True)
+    ap.add_argument("--log-tool", required=True, help="zebusr-log, which reads every run's log")
     ap.add_argument("--quick", action="store_true", help="fewer and shorter runs (a few minutes)")
     ap.add_argument("--seed", type=int, help="seed of every random choice (default: new each time)")
     ap.add_argument("--only", default="".join(STORMS), help="storms to run, e.g. a,c,h")
@@ -924,7 +885,7 @@ def main():
     ctx.quick = a.quick
     ctx.seed = a.seed if a.seed is not None else random.SystemRandom().randrange(1, 1 << 31)
     ctx.daemon, ctx.sim = a.daemon, a.sim
-    ctx.table = load_table(TABLE)
+    ctx.log_tool = a.log_tool
     ctx.out = Path(a.out) if a.out else ROOT / "out/storm" / time.strftime("%Y%m%d-%H%M%S")
     ctx.env = dict(os.environ, UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1",
                    ASAN_OPTIONS="detect_leaks=1:abort_on_error=0")

@@ -303,6 +303,21 @@ def read_samples(path):
                 for line in f]
 
 
+
+def err_lines_of(tool, log_path):
+    """The log's ERR lines as zebusr-log reads them (number, function, message);
+    a log it cannot read is one such line."""
+    r = subprocess.run([tool, "lines", log_path], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    if r.returncode != 0:
+        return ["zebusr-log lines: exit %d: %s" % (r.returncode, r.stderr.decode(errors="replace").strip())]
+    out = []
+    for rec in r.stdout.decode(errors="replace").splitlines():
+        no, _, func, level, _, message = rec.split("\t", 5)
+        if level == "ERR":
+            out.append("line %s: %s: %s" % (no, func, message))
+    return out
+
+
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
     root = os.path.dirname(here)
@@ -329,6 +344,7 @@ def main():
         "sim": os.path.join(build, "sim", "zebusr-sim"),
         "preload": os.path.join(build, "sim", "libzebusr_preload.so"),
         "count": os.path.join(build, "sim", "libzebusr_count.so"),
+        "log_tool": os.path.join(build, "logtool", "zebusr-log"),
         "run": os.path.join(build, "run-" + tag),
         "scenario": os.path.join(build, "soak-%s.json" % tag),
         "sim_out": os.path.join(build, "sim-%s.out" % tag),
@@ -376,9 +392,9 @@ def main():
     if cycles < want * 0.995 - 30 or cycles > want + 10:
         failures.append("%d cycles, about %d expected" % (cycles, want))
     log_path = os.path.join(run, "data/vendor/zebusr/zebusr_log.txt")
-    err_lines = [l for l in open(log_path, errors="replace") if "(ERR)" in l]
+    err_lines = err_lines_of(paths["log_tool"], log_path)
     if err_lines:
-        failures.append("%d ERR lines in the log, first: %s" % (len(err_lines), err_lines[0].strip()))
+        failures.append("%d ERR lines in the log, first: %s" % (len(err_lines), err_lines[0]))
 
     # Replay the slow-start tables the daemon read through the history model.
     ht, states, seen = replay_tables(os.path.join(run, "tables.jsonl"), tf["tables_read"])

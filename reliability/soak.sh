@@ -25,6 +25,6 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
         -DZEBUSR_BUILD_TESTS=OFF -DZEBUSR_BUILD_BENCH=OFF -DZEBUSR_SANITIZE=OFF \
         -DZEBUSR_SANITIZE_THREAD=OFF >/dev/null
 fi
-echo "soak: building zebusrd, the simulator and the preload libraries"
-cmake --build "$build" -j2 --target zebusrd zebusr-sim zebusr_preload zebusr_count >/dev/null
+echo "soak: building zebusrd, the simulator, the preload libraries and zebusr-log"
+cmake --build "$build" -j2 --target zebusrd zebusr-sim zebusr_preload zebusr_count zebusr-log >/dev/null
 exec python3 "$root/reliability/soak.py" --build "$build" "$@"
