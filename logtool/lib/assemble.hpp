@@ -175,8 +175,10 @@ class Assembler : public LineSink {
     uint64_t last_line_ = 0;
     bool last_cut_ = false;
     uint64_t t_us_ = 0;
-    uint64_t tod_ = 0;
+    uint64_t tod_ = 0, tod0_ = 0;  // the latest stamp and the run's first
+    uint64_t days_ = 0;            // midnights passed in the run
     bool have_time_ = false;
+    int clock_notes_ = 0;
     bool verbose_ = false;
     bool verbose_known_ = false;
     bool gap_open_ = false;

@@ -62,12 +62,16 @@ struct OwnerTable {
 }  // namespace
 
 uint64_t run_time_us(uint64_t prev_tod_us, uint64_t prev_run_us, uint64_t tod_us) {
-    if (tod_us >= prev_tod_us)
-        return prev_run_us + (tod_us - prev_tod_us);
-    uint64_t back = prev_tod_us - tod_us;
-    if (back > kDayUs / 2)  // the day turned: the stamp is a time of day only
-        return prev_run_us + (kDayUs - back % kDayUs);
-    return back > prev_run_us ? 0 : prev_run_us - back;  // threads' stamps cross
+    // The stamp is a time of day: a step of more than 12 hours either way is
+    // the day turning, forward (midnight passed) or back (the threads' stamps
+    // crossing at midnight).
+    prev_tod_us %= kDayUs;
+    tod_us %= kDayUs;
+    uint64_t fwd = (tod_us + kDayUs - prev_tod_us) % kDayUs;
+    if (fwd < kDayUs / 2 || (fwd == kDayUs / 2 && tod_us >= prev_tod_us))
+        return prev_run_us + fwd;
+    uint64_t back = kDayUs - fwd;
+    return back > prev_run_us ? 0 : prev_run_us - back;  // threads' stamps cross: kept
 }
 
 void read_log_text(std::string_view text, Sink &sink) {

@@ -12,6 +12,7 @@ namespace {
 constexpr uint64_t kDayUs = 86400ull * 1000000;
 constexpr uint64_t kClockBackUs = 1000000;  // threads' stamps cross by far less
 constexpr size_t kProblemText = 200;        // enough of a bad line to recognise it
+constexpr int kMaxClockNotes = 10;          // a mixed-up log would tell it on every line
 
 bool verbose_level(Level l) {
     return l == Level::Low || l == Level::Med;
@@ -94,17 +95,23 @@ bool Assembler::begin_line(const LogLine &l) {
 void Assembler::advance_time(const LogLine &l) {
     if (!have_time_) {
         have_time_ = true;
-        tod_ = l.tod_us;
-        t_us_ = 0;
+        tod_ = tod0_ = l.tod_us;
+        t_us_ = days_ = 0;
         return;
     }
-    uint64_t back = tod_ > l.tod_us ? tod_ - l.tod_us : 0;
+    uint64_t before = t_us_;
     t_us_ = run_time_us(tod_, t_us_, l.tod_us);
     tod_ = l.tod_us;
-    if (back > kDayUs / 2)
+    uint64_t day = (tod0_ + t_us_) / kDayUs;
+    if (day > days_) {  // once a day, however the threads' stamps cross it
+        days_ = day;
         note(l.no, "midnight passed");
-    else if (back > kClockBackUs)
-        note(l.no, "the clock went back by " + seconds(back));
+    }
+    if (before > t_us_ + kClockBackUs && clock_notes_ <= kMaxClockNotes) {
+        note(l.no, ++clock_notes_ > kMaxClockNotes
+                       ? "the clock goes back again: not told again in this run"
+                       : "the clock went back by " + seconds(before - t_us_));
+    }
 }
 
 void Assembler::start_run(const LogLine &l, bool mid_run) {
@@ -126,6 +133,7 @@ void Assembler::start_run(const LogLine &l, bool mid_run) {
     run_first_line_ = last_line_ = l.no;
     t_us_ = 0;
     gap_open_ = false;
+    clock_notes_ = 0;
     if (!mid_run) {
         start_pending_ = true;  // the next line tells whether verbose is on
         return;

@@ -310,16 +310,17 @@ BOOST r0@25 t=2000100 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/800 code 0@26 accept
 run end r0@26 t=2000110: the log ends
 )"},
     {"midnight_restart_and_cut",
-     script("@86399.9 recv_int_code 5 0; @86400.2 sig_handler; main_init; main_start_eval") +
+     script("@86399.9 recv_int_code 5 0; @86400.2 sig_handler; @86399.95 recv_int_code 6 0; "
+            "@86400.3 cleanup_done; main_init; main_start_eval") +
          " 00:00:01.000000 cut",
      R"(run start r0@1: the log starts mid-run
 note r0@1: the log starts inside a run: no "Initializing zebusrd" before this line
 note r0@2: midnight passed
-run end r0@2 t=300000: stopped by a signal
-run start r1@3
-problem r1@5 [cut: the file ends inside this line]:  00:00:01.000000 cut
-gap r1@3-5: 0.000 s without verbose lines
-run end r1@5 t=10: the log is cut inside its last line
+run end r0@4 t=400000: stopped by a signal; clean-up complete
+run start r1@5
+problem r1@7 [cut: the file ends inside this line]:  00:00:01.000000 cut
+gap r1@5-7: 0.000 s without verbose lines
+run end r1@7 t=10: the log is cut inside its last line
 )"},
     {"messy_lines_and_invalid_tables", messy(),
      R"(run start r0@1 n=1
