@@ -193,7 +193,8 @@ std::string messy() {
     text.replace(text.find('\n'), 1, "\r\n");
     text += std::string("x\0y\n", 4) + std::string(kMaxLine + 5, 'z') + "\n\n";
     Log l;
-    l.script("@36000.001 sync_start 1; recv_int_code 2 0; caps_header; caps_entry 8 1 1 1");
+    l.script("@36000.001 sync_start 1; recv_int_code 2 0; ss_header; ss_count 200; ss_max");
+    l.script("caps_header; caps_entry 8 1 1 1");
     l.script("caps_bad_cpu; gold_header; gold_count 200");
     for (int i = 1; i <= 128; i++) l.put(Msg::gold_entry, {std::to_string(i), "4", "1", "1"});
     return text + l.put(Msg::gold_max).text;
@@ -273,7 +274,8 @@ core_sock_done 7; recv_msg_error; recv_error; init_sock_send_failed; init_sock_s
 core_init_sock_failed; connect_init_sock_failed; connect_sock_done 8; core_sock_done 9
 recv_invalid_reply; init_sock_zeb_id 30 1; init_sock_send_failed; core_init_sock_failed
 sync_start 1; recv_int_waiting; query_requested; recv_pid_waiting; recv_invalid_reply
-recv_pid_failed; recv_error; recv_int_failed; connect_sync_failed)"),
+recv_pid_failed; recv_error; recv_int_failed; connect_sync_failed; core_connect_complete 2
+log_csv_failed; core_not_accepting 30)"),
      R"(run start r0@1 n=1
 lookup r0@11 DULOX_CORE n=-1 NLMSG_ERROR@7: the family could not be resolved
 core connect failed r0@11 NLMSG_ERROR@7: family lookup
@@ -285,12 +287,16 @@ core connect failed r0@18 n=1 malformed@15: family lookup
 query r0@22-26 malformed@25 invalid len=0 rates=0
 cycle r0#0 19-29 t=180 seq=1 connect sync=no answer@27 dec=0 complete
 connect failed r0@29 n=1 no answer@27: first sync
-run end r0@29 t=260: the log ends
+core connected r0@30 n=2
+csv failed r0@31
+core gave up r0@32 n=30
+run end r0@32 t=290: the log ends
 )"},
     {"quiet_stretch",
      script(R"(@36000 main_init; main_verbose_boot; sync_start 3; recv_int_code 4 0; log_verbose_off
 down_request c3 40000 39000 5 0 65000 45000; down_request c3 40000 39000 5 1 70000 50000
-down_accepted; eval_boost_left 99 900000000 5000; eval_boosting 42 600000000
+down_accepted; bal_request d5 7 6 6 5 180000 160000; bal_accepted
+eval_boost_left 99 900000000 5000; eval_boosting 42 600000000
 @36001 eval_boosting 42 600000000; @36002 recv_pid_failed; log_verbose_on; boost_evaluating
 query_requested; recv_pid_waiting; query_success; rates_header; rates_list_len 2 77
 rates_entry 0 42 0 600000000 0 800; rates_entry 1 99 1 100 1 0
@@ -300,14 +306,15 @@ verbose off r0@6
 cycle r0#0 3-5 t=20 seq=3 sync=code 0@5 dec=0
 DOWN r0@7 t=50 c3 5>0 40000/39000/65000/45000 bps=0 not logged
 DOWN r0@8 t=60 c3 5>1 40000/39000/70000/50000 bps=0 code 0@9 accepted
-BOOST r0@11 t=90 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/-1 not logged accepted
-BOOST r0@12 t=1000000 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/-1 not logged accepted
-query r0@13 not logged@13 invalid len=0 rates=0
-verbose on r0@14
-gap r0@6-13: 2.000 s without verbose lines
-query r0@16-24 code 0@19 valid len=2 rates=2
-BOOST r0@25 t=2000100 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/800 code 0@26 accepted
-run end r0@26 t=2000110: the log ends
+BAL r0@10 t=80 d5 6>5 7/6/180000/160000 bps=0 code 0@11 accepted
+BOOST r0@13 t=110 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/-1 not logged accepted
+BOOST r0@14 t=1000000 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/-1 not logged accepted
+query r0@15 not logged@15 invalid len=0 rates=0
+verbose on r0@16
+gap r0@6-15: 2.000 s without verbose lines
+query r0@18-26 code 0@21 valid len=2 rates=2
+BOOST r0@27 t=2000100 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/800 code 0@28 accepted
+run end r0@28 t=2000110: the log ends
 )"},
     {"midnight_restart_and_cut",
      script("@86399.9 recv_int_code 5 0; @86400.2 sig_handler; @86399.95 recv_int_code 6 0; "
@@ -328,8 +335,8 @@ note r0@1: lines end in CR LF (read without the CR)
 problem r0@3 [bytes that are not text]: x?y
 problem r0@4 [longer than a megabyte (the rest of the line skipped)]: zzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzz
 problem r0@5 [an empty line where none belongs]
-cycle r0#0 6-142 t=1000 seq=1 sync=code 0@8 caps1bad gold200max: 128 entries dec=0
-run end r0@142 t=2350: the log ends
+cycle r0#0 6-145 t=1000 seq=1 sync=code 0@8 ss200max: caps1bad gold200max: 128 entries dec=0
+run end r0@145 t=2380: the log ends
 )"},
     {"deliberate_exits",
      script(R"(@36000 main_init; caps_mmap_failed No_such_device; cleanup_done; main_init
