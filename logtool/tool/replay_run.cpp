@@ -1,0 +1,90 @@
+// One stretch replayed: a fresh daemon under the simulator's recorded mode,
+// stopped once both of its connections wait for steps that are used up.
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "replay.hpp"
+#include "session.hpp"
+
+namespace zlog::rec {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The daemon's sleeps (a second between throughput queries, 3 s after a
+// failed connection attempt) and receive time-outs follow the time factor;
+// sync replies come at once. A short stretch keeps the whole-process tests'
+// factor, whose 0.3 s receive time-out no scheduling delay reaches; a long
+// one goes faster, so an hour's log replays in seconds.
+constexpr double kMaxFactor = 0.1;
+constexpr double kMinFactor = 0.005;
+constexpr double kBudgetS = 3;  // real seconds of sleeps a stretch may cost
+
+// A replay that uses no step for this long has stopped for good (a daemon
+// that hangs): it is stopped and reported.
+constexpr auto kStall = std::chrono::seconds(60);
+
+double factor_for(const RunExpect &r) {
+    if (r.seconds <= 0)
+        return kMaxFactor;
+    return std::clamp(kBudgetS / r.seconds, kMinFactor, kMaxFactor);
+}
+
+// Waits until the run is over; false when it stalled.
+bool wait_done(sim::Session &s) {
+    std::string last;
+    auto moved = Clock::now();
+    while (!s.recorded_done()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        std::string now = s.server().recorded_progress().dump();
+        if (now != last) {
+            last = now;
+            moved = Clock::now();
+        } else if (Clock::now() - moved > kStall) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+RunOutcome replay_run(const sim::Scenario &s, const RunExpect &r, size_t k,
+                      const ReplayOptions &o) {
+    sim::SessionOptions so;
+    so.scenario = s;
+    so.run_dir = o.dir / ("run-" + std::to_string(k + 1));
+    so.daemon = o.daemon;
+    so.preload = o.preload;
+    so.args = {"verbose"};
+    so.time_factor = factor_for(r);
+    so.records = o.records;
+    so.recorded_run = k;
+    fs::remove_all(so.run_dir);
+    fs::path log = so.run_dir / "data/vendor/zebusr/zebusr_log.txt";
+    auto start = Clock::now();
+    std::string problem;
+    try {
+        sim::Session session(std::move(so));
+        session.start_daemon();
+        if (!wait_done(session))
+            problem = "the replay used no step for a minute: stopped";
+        session.signal(SIGTERM);
+        if (!session.wait_exit(10))
+            session.kill_daemon();
+    } catch (const std::exception &e) {
+        problem = std::string("the replay could not run: ") + e.what();
+    }
+    RunOutcome out = problem.empty() || fs::exists(log) ? compare_run(log, r, k) : RunOutcome{};
+    out.log = log;
+    out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (!problem.empty())
+        out.problem = problem;
+    return out;
+}
+
+}  // namespace zlog::rec
