@@ -95,6 +95,7 @@ class Assembler : public LineSink {
     // assemble_connect.cpp: the two connections' story.
     bool on_eval_connect(const LogLine &l);
     bool on_eval_connected(const LogLine &l);
+    void first_sync_failed(const LogLine &l);
     bool on_boost_connect(const LogLine &l);
     void lookup(const char *family, const LogLine &l, bool ok, ThreadState &t);
     void connect_failed(EventKind k, ThreadState &t, const LogLine &l, const std::string &step,

@@ -63,19 +63,23 @@ bool Assembler::on_eval_connect(const LogLine &l) {
             connect_failed(EventKind::ConnectFailed, eval_, l, "family lookup", ev_.answer);
             eval_.step = Step::OpenSock;
             return true;
-        case Msg::connect_sync_failed: {
-            Answer a = sync_answer_;
-            if (cycle_open_) {
-                cycle_.connect_sync = true;
-                close_cycle(true);
-            }
-            connect_failed(EventKind::ConnectFailed, eval_, l, "first sync", a);
-            eval_.step = Step::OpenSock;
+        case Msg::connect_sync_failed:
+            first_sync_failed(l);
             return true;
-        }
         default:
             return on_eval_connected(l);
     }
+}
+
+// The connection's own sync failed: its cycle ends, and so does the attempt.
+void Assembler::first_sync_failed(const LogLine &l) {
+    Answer a = sync_answer_;
+    if (cycle_open_) {
+        cycle_.connect_sync = true;
+        close_cycle(true);
+    }
+    connect_failed(EventKind::ConnectFailed, eval_, l, "first sync", a);
+    eval_.step = Step::OpenSock;
 }
 
 bool Assembler::on_eval_connected(const LogLine &l) {
