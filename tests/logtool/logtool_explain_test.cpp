@@ -298,8 +298,8 @@ TEST(Explain, CsvAndNothingToRead) {
         "09:00:01.100000,2,1,2\n09:00:02.000000,3,1,2,3,4,5,6,7,8\n";
     EXPECT_EQ(zlog::explain_text(Log().start(true).text, out, &csv), 0);
     EXPECT_NE(
-        out.str().find("\n  csv: 2 rows, 09:00:00.100 - 09:00:02.000, 1 problems (first: row 3: "
-                       "short row)\n"),
+        out.str().find("\n  csv: 2 rows, 09:00:00.100 - 09:00:02.000, 1 problems (first: line 3: "
+                       "4 fields where a row has 10)\n"),
         std::string::npos)
         << out.str();
     out.str("");
