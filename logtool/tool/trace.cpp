@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <string>
 
 #include "csv.hpp"
+#include "lines.hpp"
 #include "trace_json.hpp"
 #include "trace_sink.hpp"
 #include "verbs.hpp"
@@ -19,11 +21,33 @@ namespace {
 
 struct Options {
     std::string log, csv, out;
+    int64_t shift_us = 0;
+    std::string clock;  // as given, for the metadata
 };
+
+// "--clock HH:MM:SS.uuuuuu=SECONDS": the log's stamp STAMP was SECONDS on the
+// clock of a system trace (boot time), so both line up in one trace.
+bool parse_clock(const std::string &v, Options &o) {
+    size_t eq = v.find('=');
+    uint64_t tod = 0;
+    if (eq == std::string::npos || !parse_stamp(std::string_view(v).substr(0, eq), tod))
+        return false;
+    char *end = nullptr;
+    double s = std::strtod(v.c_str() + eq + 1, &end);
+    if (end == v.c_str() + eq + 1 || *end != '\0' || !(s >= 0) || s > 1e9)
+        return false;
+    o.shift_us = static_cast<int64_t>(s * 1e6 + 0.5) - static_cast<int64_t>(tod);
+    o.clock = "the log's " + v.substr(0, eq) + " is " + v.substr(eq + 1) +
+              " s on the system trace's clock";
+    return true;
+}
 
 bool parse_words(const Words &w, Options &o) {
     for (size_t i = 0; i < w.size(); ++i) {
-        if ((w[i] == "--csv" || w[i] == "-o") && i + 1 < w.size()) {
+        if (w[i] == "--clock" && i + 1 < w.size()) {
+            if (!parse_clock(w[++i], o))
+                return false;
+        } else if ((w[i] == "--csv" || w[i] == "-o") && i + 1 < w.size()) {
             std::string &dest = w[i] == "-o" ? o.out : o.csv;
             dest = w[++i];
         } else if (o.log.empty() && (w[i] == "-" || w[i][0] != '-'))
@@ -46,7 +70,7 @@ class CsvTrace : public CsvSink {
             uint64_t v = r.pps[cpu];
             if (rows && prev_[cpu] == v && pid == pid_)
                 continue;  // counters are drawn as steps: only changes
-            out_.counter(pid, "cpu" + std::to_string(cpu) + " spare pps (csv)", ts_, "pps",
+            out_.counter(pid, "cpu" + std::to_string(cpu) + " spare (csv)", ts_, "pps",
                          static_cast<int64_t>(v));
             prev_[cpu] = v;
         }
@@ -72,6 +96,7 @@ class CsvTrace : public CsvSink {
 
 int run(const Options &o) {
     TraceFile out(o.out);
+    out.shift(o.shift_us);
     TraceSink sink(out);
     std::string why;
     if (!read_log(o.log, sink, why)) {
@@ -89,6 +114,8 @@ int run(const Options &o) {
     Args meta = sink.metadata();
     if (!o.csv.empty())
         meta.num("csv_rows", csv.rows).num("csv_problems", csv.problems);
+    if (!o.clock.empty())
+        meta.str("clock", o.clock);
     if (!out.finish(meta)) {
         std::fprintf(stderr, "zebusr-log: cannot write %s\n", o.out.c_str());
         return 2;
@@ -109,7 +136,10 @@ int run(const Options &o) {
 int verb_trace(const Words &w) {
     Options o;
     if (!parse_words(w, o)) {
-        std::fputs("usage: zebusr-log trace LOG [--csv CSV] -o OUT.json\n", stderr);
+        std::fputs(
+            "usage: zebusr-log trace LOG [--csv CSV] [--clock HH:MM:SS.uuuuuu=SECONDS] "
+            "-o OUT.json\n",
+            stderr);
         return 2;
     }
     try {

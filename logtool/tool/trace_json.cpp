@@ -87,6 +87,10 @@ void TraceFile::end(const std::string &tail) {
     std::fwrite(buf_.data(), 1, buf_.size(), f_);
 }
 
+std::string TraceFile::ts(uint64_t t) const {
+    return std::to_string(static_cast<int64_t>(t) + shift_);
+}
+
 void TraceFile::meta(int pid, int tid, std::string_view what, std::string_view name) {
     begin('M', pid, tid, what);
     end(",\"args\":" + ('{' + Args().str("name", name).json() + '}'));
@@ -95,18 +99,18 @@ void TraceFile::meta(int pid, int tid, std::string_view what, std::string_view n
 void TraceFile::counter(int pid, std::string_view name, uint64_t ts, std::string_view series,
                         int64_t v) {
     begin('C', pid, 0, name);
-    end(",\"ts\":" + std::to_string(ts) + ",\"args\":{" + Args().num(series, v).json() + '}');
+    end(",\"ts\":" + this->ts(ts) + ",\"args\":{" + Args().num(series, v).json() + '}');
 }
 
 void TraceFile::instant(int pid, int tid, std::string_view name, uint64_t ts, const Args &args) {
     begin('I', pid, tid, name);  // what Chrome writes; DevTools reads no 'i'
-    end(",\"s\":\"t\",\"ts\":" + std::to_string(ts) + ",\"args\":{" + args.json() + '}');
+    end(",\"s\":\"t\",\"ts\":" + this->ts(ts) + ",\"args\":{" + args.json() + '}');
 }
 
 void TraceFile::slice(int pid, int tid, std::string_view name, uint64_t ts, uint64_t dur,
                       const Args &args) {
     begin('X', pid, tid, name);
-    end(",\"ts\":" + std::to_string(ts) + ",\"dur\":" + std::to_string(dur) + ",\"args\":{" +
+    end(",\"ts\":" + this->ts(ts) + ",\"dur\":" + std::to_string(dur) + ",\"args\":{" +
         args.json() + '}');
 }
 

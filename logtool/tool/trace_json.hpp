@@ -45,13 +45,17 @@ class TraceFile {
     // write failed (a full disk, say).
     bool finish(const Args &metadata);
     uint64_t events() const { return events_; }
+    // Added to every time stamp written: puts the trace on another clock.
+    void shift(int64_t us) { shift_ = us; }
 
    private:
     void begin(char ph, int pid, int tid, std::string_view name);
     void end(const std::string &tail);
+    std::string ts(uint64_t t) const;
     std::FILE *f_ = nullptr;
     bool own_ = false;
     uint64_t events_ = 0;
+    int64_t shift_ = 0;
     std::string buf_;
 };
 

@@ -141,8 +141,8 @@ void TraceSink::caps(const Cycle &c) {
         if (e.cpu < 0 || e.cpu >= 64)  // the daemon logs what it read, even nonsense
             continue;
         std::string cpu = "cpu" + std::to_string(e.cpu);
-        set(cpu + " spare pps", e.pps);
-        set(cpu + " avg spare pps", e.avg);
+        set(cpu + " spare", e.pps);
+        set(cpu + " avg spare", e.avg);
     }
 }
 
@@ -152,7 +152,7 @@ void TraceSink::flow_at(uint32_t hash, int cpu, uint64_t ts, bool moved) {
     if (!hash || cpu < 0)
         return;
     char name[32];
-    std::snprintf(name, sizeof name, "flow 0x%x cpu", hash);
+    std::snprintf(name, sizeof name, "flow 0x%x", hash);
     int pid = pid_of(run_);
     if (flows_.size() >= kMaxFlows && !flows_.count(hash))
         flows_.clear();
