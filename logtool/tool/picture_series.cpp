@@ -161,8 +161,8 @@ void PictureSink::offer(Point p, bool keep) {
     points_.push_back(std::move(p));
     if (points_.size() < kPictureSamples)
         return;
-    size_t n = 0;
-    for (size_t i = 0; i < points_.size(); i += 2) points_[n++] = std::move(points_[i]);
+    size_t n = 1;  // the first stays where it is (a self-move would empty it)
+    for (size_t i = 2; i < points_.size(); i += 2) points_[n++] = std::move(points_[i]);
     points_.resize(n);
     stride_ *= 2;
 }
@@ -193,6 +193,7 @@ sim::PictureData PictureSink::data(const std::string &title) const {
         d.xlabel = b;
     }
     d.duration = t_end_ > 0 ? t_end_ : 1;
+    d.max_labels = kNamedDecisions;
     std::vector<size_t> drawn = drawn_flows();
     for (size_t i : drawn) {
         int m = flows_[i].moves;

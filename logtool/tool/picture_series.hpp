@@ -18,6 +18,7 @@ namespace zlog {
 inline constexpr size_t kPictureSamples = 4000;  // points per track, at most
 inline constexpr size_t kTrackedFlows = 512;     // distinct flows followed
 inline constexpr size_t kDrawnFlows = 12;        // more would hide each other
+inline constexpr size_t kNamedDecisions = 40;    // beyond, their names cover each other
 
 class PictureSink : public Sink {
    public:

@@ -144,7 +144,8 @@ void write_script(const fs::path &gp, const PictureData &p) {
         g << "     '' using 1:($3==0 ? $2 : NaN) with points pt 6 ps 1.6 lc rgb '#d62728' "
              "title 'refused', \\\n";
     // A row at 0, off the plot, keeps a run without decisions drawable.
-    g << "     '' using 1:2:4 with labels rotate by 30 left offset 0.6,0.5 font ',8' notitle\n"
+    g << "     '' using 1:2:" << (ds.size() > p.max_labels ? "(\"\")" : "4")
+      << " with labels rotate by 30 left offset 0.6,0.5 font ',8' notitle\n"
          "unset multiplot\n";
 }
 

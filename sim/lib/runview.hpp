@@ -2,6 +2,7 @@
 // device with the daemon against the device left alone.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ struct PictureData {
     std::string xlabel = "simulated seconds";
     std::string flow_note;  // after the flow panel's title
     double duration = 0;
+    size_t max_labels = SIZE_MAX;  // more decisions than this go unnamed
     std::vector<PictureFlow> flows;
     std::vector<Sample> samples;  // spare NaN where unknown; flow_cpu per flow
     std::vector<Decision> decisions;
