@@ -209,6 +209,10 @@ sim::PictureData PictureSink::data(const std::string &title) const {
         for (size_t i : drawn) s.flow_cpu.push_back(i < p.cpu.size() ? p.cpu[i] : -1);
         d.samples.push_back(std::move(s));
     }
+    // A cycle is handed over when the next one starts, after the events of
+    // its lines: the points come nearly, not quite, in time order.
+    std::stable_sort(d.samples.begin(), d.samples.end(),
+                     [](const sim::Sample &a, const sim::Sample &b) { return a.t < b.t; });
     d.decisions = decisions_;
     return d;
 }

@@ -2,6 +2,7 @@
 // points, each point still the values of its own cycle.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <string>
 
@@ -67,6 +68,24 @@ TEST(PictureSeries, LongLogThinsEvenlyAndKeepsEachCyclesValues) {
         ASSERT_NEAR(s.t, i * 0.1, 1e-6) << k;
         for (int c = 0; c < 8; ++c) ASSERT_EQ(s.spare[size_t(c)], i * 10 + c) << k;
         ASSERT_EQ(s.flow_cpu, std::vector<int>{4 + i % 4}) << k;
+    }
+}
+
+TEST(PictureSeries, VerboseOffBreaksEveryLineInTimeOrder) {
+    // The last cycle ends with the log, after the line that stops verbose
+    // logging: the break still comes after it.
+    zlog::PictureSink sink(0);
+    zlog::read_log_text(cycles(3) + line(3600250000ull, "zebusr_stop_logging", 80, "HIGH",
+                                         "Stopping verbose logging"),
+                        sink);
+    sim::PictureData d = sink.data("t");
+    ASSERT_GE(d.samples.size(), 4u);
+    for (size_t k = 0; k < d.samples.size(); ++k) {
+        const sim::Sample &s = d.samples[k];
+        bool brk = k >= 3;
+        EXPECT_NEAR(s.t, brk ? 0.25 : k * 0.1, 1e-6) << k;
+        for (double v : s.spare) EXPECT_EQ(std::isnan(v), brk) << k;
+        EXPECT_EQ(s.flow_cpu, std::vector<int>{brk ? -1 : int(4 + k)}) << k;
     }
 }
 
