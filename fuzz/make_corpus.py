@@ -355,7 +355,7 @@ END = [
     (52, 'zebusr_deinit_cap_file', 'HIGH', 'closing cap file'),
     (52, 'zebusr_deinit_gflow_file', 'HIGH', 'closing gflow file'),
     (52, 'zebusr_deinit_ssflow_file', 'HIGH', 'closing ssflow file'),
-    (110, 'zebusr_cleanup', 'HIGH', 'Cleanup Complete', 1),
+    (110, 'zebusr_cleanup', 'HIGH', 'Cleanup Complete'),
 ]
 
 
