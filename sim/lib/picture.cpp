@@ -75,6 +75,9 @@ std::string counts(const std::vector<Decision> &ds) {
     return out + " accepted/asked";
 }
 
+void flow_panel(std::ostream &g, const PictureData &p);
+void decision_panel(std::ostream &g, const PictureData &p);
+
 void write_script(const fs::path &gp, const PictureData &p) {
     const std::vector<Decision> &ds = p.decisions;
     std::ofstream g(gp);
@@ -113,7 +116,12 @@ void write_script(const fs::path &gp, const PictureData &p) {
     for (int c = 0; c < kCpus; ++c) g << (c ? " " : "") << cpu_colour(c);
     g << "', c+1) title sprintf('cpu%d %s', c, c < 4 ? 'silver' : 'gold')\n"
          "unset arrow\nunset label\nset offsets 0, 0, 0, 0\n";
-    // Where each flow is.
+    flow_panel(g, p);
+    decision_panel(g, p);
+}
+
+// Where each flow is.
+void flow_panel(std::ostream &g, const PictureData &p) {
     g << "set origin 0,0.27\nset size 1,0.24\nset title "
       << quoted("Each flow's CPU (shaded: silver CPUs 0-3)" + p.flow_note)
       << "\n"
@@ -130,7 +138,11 @@ void write_script(const fs::path &gp, const PictureData &p) {
           << quoted(hash_str(p.flows[i].hash) + " " + p.flows[i].name);
     }
     g << "\nunset object 1\n";
-    // One row per kind of decision.
+}
+
+// One row per kind of decision.
+void decision_panel(std::ostream &g, const PictureData &p) {
+    const std::vector<Decision> &ds = p.decisions;
     g << "set origin 0,0.02\nset size 1,0.26\nset title 'Decisions (filled: accepted, open: "
          "refused or failed)'\n"
          "set ylabel ''\nset yrange [0.4:5.8]\n"
