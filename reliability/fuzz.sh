@@ -15,7 +15,7 @@ if [ "${1:-}" = "-n" ]; then
     shift 2
 fi
 harnesses=("$@")
-[ ${#harnesses[@]} -gt 0 ] || harnesses=(netlink_recv int_reply family_id boost capacities gold_flows ss_flows)
+[ ${#harnesses[@]} -gt 0 ] || harnesses=(netlink_recv int_reply family_id boost capacities gold_flows ss_flows logread)
 
 bash scripts/setup-deps.sh clang libclang-rt-14-dev >/dev/null || exit 1
 cmake --preset fuzz >/dev/null && cmake --build --preset fuzz >/dev/null || exit 1

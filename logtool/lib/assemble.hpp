@@ -115,7 +115,7 @@ class Assembler : public LineSink {
     bool on_history(const LogLine &l);
     void history_line(const LogLine &l);
     template <class T>
-    void keep(std::vector<T> &v, const T &item, uint64_t line);
+    void keep(std::vector<T> &v, const T &item, uint64_t line, size_t most, const char *what);
 
     // assemble_decide.cpp: the requests of the policies.
     bool on_decision(const LogLine &l);

@@ -7,9 +7,12 @@ namespace zlog::detail {
 
 namespace {
 
-// A log may claim any number of entries; the daemon writes at most 128 per
-// table, so more than this is a broken log and the rest is not kept.
-constexpr size_t kMaxEntries = 1024;
+// What the daemon can log in one cycle: more is a broken log (two cycles'
+// lines with the sync between them lost), and the rest is not kept, so a
+// cycle never holds a table the daemon could not have read.
+constexpr size_t kMaxCapLines = 8;
+constexpr size_t kMaxFlowLines = 128;      // per table; also the nodes made or removed
+constexpr size_t kMaxHistoryLines = 1024;  // nodes outlive their flows: a looser bound
 
 FlowEntry flow(const LogLine &l, bool slow) {
     FlowEntry f;
@@ -25,14 +28,16 @@ FlowEntry flow(const LogLine &l, bool slow) {
 }  // namespace
 
 template <class T>
-void Assembler::keep(std::vector<T> &v, const T &item, uint64_t line) {
-    if (v.size() < kMaxEntries) {
+void Assembler::keep(std::vector<T> &v, const T &item, uint64_t line, size_t most,
+                     const char *what) {
+    if (v.size() < most) {
         v.push_back(item);
         return;
     }
     if (!cycle_overflow_) {
         cycle_overflow_ = true;
-        note(line, "more entries in one cycle than any table holds: the rest are not kept");
+        note(line, "more " + std::string(what) + " in one cycle than the daemon writes (" +
+                       std::to_string(most) + "): the rest are not kept");
     }
 }
 
@@ -176,11 +181,12 @@ void Assembler::table_line(const LogLine &l) {
             c.ss_len = static_cast<uint16_t>(l.args[0].u);
             break;
         case Msg::ss_entry:
-            keep(c.ss, flow(l, true), l.no);
+            keep(c.ss, flow(l, true), l.no, kMaxFlowLines, "slow-start flows");
             last_stable_ = -1;
             break;
         case Msg::ss_bad_hash:
-            keep(c.ss, FlowEntry{}, l.no);  // the walk goes on past it
+            keep(c.ss, FlowEntry{}, l.no, kMaxFlowLines,
+                 "slow-start flows");  // the walk goes on past it
             break;
         case Msg::ss_max:
             c.ss_max = true;
@@ -191,7 +197,7 @@ void Assembler::table_line(const LogLine &l) {
         case Msg::caps_entry:
             keep(c.caps,
                  CapEntry{static_cast<int>(l.args[0].i), l.args[1].u, l.args[2].u, l.args[3].u},
-                 l.no);
+                 l.no, kMaxCapLines, "capacity lines");
             break;
         case Msg::caps_bad_cpu:
             c.caps_bad_cpu = true;
@@ -212,10 +218,10 @@ void Assembler::gold_line(const LogLine &l) {
             c.gold_len = static_cast<uint16_t>(l.args[0].u);
             break;
         case Msg::gold_entry:
-            keep(c.gold, flow(l, false), l.no);
+            keep(c.gold, flow(l, false), l.no, kMaxFlowLines, "gold flows");
             break;
         case Msg::gold_bad_hash:
-            keep(c.gold, FlowEntry{}, l.no);  // where the walk broke
+            keep(c.gold, FlowEntry{}, l.no, kMaxFlowLines, "gold flows");  // where the walk broke
             break;
         case Msg::gold_max:
             c.gold_max = true;
@@ -236,11 +242,13 @@ bool Assembler::on_history(const LogLine &l) {
             return true;
         case Msg::ht_create_adding:
             if (cycle_open_)
-                keep(cycle_.created, static_cast<uint32_t>(l.args[0].u), l.no);
+                keep(cycle_.created, static_cast<uint32_t>(l.args[0].u), l.no, kMaxFlowLines,
+                     "new history nodes");
             return true;
         case Msg::ht_remove_removing:
             if (cycle_open_)
-                keep(cycle_.removed, static_cast<uint32_t>(l.args[1].u), l.no);
+                keep(cycle_.removed, static_cast<uint32_t>(l.args[1].u), l.no, kMaxFlowLines,
+                     "removed history nodes");
             return true;
         case Msg::ht_print_header:
             if (cycle_open_)
@@ -265,7 +273,7 @@ void Assembler::history_line(const LogLine &l) {
         n.rx_bps = l.args[2].u;
         n.stable = l.args[3].i != 0;
         n.seg_enabled = l.args[4].i != 0;
-        keep(h, n, l.no);
+        keep(h, n, l.no, kMaxHistoryLines, "history nodes");
         return;
     }
     uint32_t hash = static_cast<uint32_t>(l.args[0].u);
