@@ -107,7 +107,7 @@ class ReplaySink : public Sink {
         if (pids.empty())
             return "no boost";
         std::string w = "BOOST";
-        for (uint32_t p : pids) w += " " + std::to_string(p);
+        for (uint32_t p : pids) w.append(" ").append(std::to_string(p));
         return w;
     }
     std::vector<std::string> take_results(const Cycle &c) {

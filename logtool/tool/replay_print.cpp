@@ -73,7 +73,7 @@ std::string joined(const std::vector<std::string> &w) {
     if (w.empty())
         return "nothing";
     std::string s;
-    for (const std::string &x : w) s += (s.empty() ? "" : "; ") + x;
+    for (const std::string &x : w) s.append(s.empty() ? "" : "; ").append(x);
     return s;
 }
 

@@ -29,9 +29,9 @@ constexpr double kBudgetS = 3;  // real seconds of sleeps a stretch may cost
 constexpr auto kStall = std::chrono::seconds(60);
 
 double factor_for(const RunExpect &r) {
-    if (r.seconds <= 0)
+    if (r.sleep_s <= 0)
         return kMaxFactor;
-    return std::clamp(kBudgetS / r.seconds, kMinFactor, kMaxFactor);
+    return std::clamp(kBudgetS / r.sleep_s, kMinFactor, kMaxFactor);
 }
 
 // Waits until the run is over; false when it stalled.

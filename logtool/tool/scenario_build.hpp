@@ -40,6 +40,8 @@ struct QueryExpect {
 struct RunExpect {
     uint64_t first_line = 0, last_line = 0;
     double seconds = 0;          // how long the stretch lasted in the log
+    double sleep_s = 0;          // what the daemon sleeps or waits in it: a second
+                                 // a query, 3 s a failed step
     std::vector<int64_t> syncs;  // per sync step: index into cycles, -1 not judged
     std::vector<CycleExpect> cycles;
     std::vector<QueryExpect> queries;                  // per throughput query step

@@ -99,7 +99,7 @@ std::string decision_words(const Decision &d) {
         std::snprintf(b, sizeof b, " 0x%x cpu %d -> %d", d.hash, d.cur, d.dest);
     w += b;
     if (d.kind == Kind::Boost) {
-        for (const BoostEntry &e : d.boosts) w += " " + std::to_string(e.pid);
+        for (const BoostEntry &e : d.boosts) w.append(" ").append(std::to_string(e.pid));
         return w;
     }
     return w + (d.accepted ? ", accepted" : ", not accepted");

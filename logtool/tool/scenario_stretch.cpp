@@ -99,6 +99,8 @@ void Builder::flush_steering() {
     steer_.reset();
     if (p.expect)
         begin();
+    if (p.step.contains("fault"))
+        cur_.sleep_s += 3;
     if (p.sync && keep_) {
         cur_.syncs.push_back(p.expect ? int64_t(cur_.cycles.size()) : -1);
         if (p.expect)
@@ -115,6 +117,7 @@ void Builder::flush_core() {
         return;
     Pending p = std::move(*core_);
     core_.reset();
+    cur_.sleep_s += p.step.contains("fault") ? 3 : p.query ? 1 : 0;
     if (p.query && keep_)
         cur_.queries.push_back(std::move(*p.query));
     if (begun_)
