@@ -89,8 +89,9 @@ void Builder::handle(const Item &it) {
         handle_cycle(*it.cycle);
     else if (it.event)
         handle_event(*it.event);
-    else if (it.result && steer_ && steer_->expect && it.line <= steer_->expect->last_line)
-        steer_->expect->results.push_back(it.result);
+    else if (it.result && !steer_.empty() && steer_.back().expect &&
+             it.line <= steer_.back().expect->last_line)
+        steer_.back().expect->results.push_back(it.result);
     else if (it.boost && core_ && core_->query) {
         core_->query->boosted.clear();
         for (const BoostEntry &b : it.boost->boosts) core_->query->boosted.push_back(b.pid);
@@ -145,8 +146,7 @@ void Builder::handle_lookup(const Event &e) {
         core_ = std::move(p);
     } else {
         start_steering(true, false);
-        flush_steering();
-        steer_ = std::move(p);
+        push_steering(std::move(p));
     }
 }
 
@@ -164,8 +164,8 @@ void Builder::handle_cycle(const Cycle &c) {
     bool decided =
         !c.connect_sync && c.ss_read && c.sync.outcome == Outcome::Code && c.sync.code != -1;
     start_steering(false, c.connect_sync);
-    flush_steering();
     Pending p(sync_step(c, decided), true);
+    p.connect = c.connect_sync;
     if (decided) {
         for (uint32_t h : c.created) cur_.judged_from.emplace(h, sync_pos_);
         p.expect = CycleExpect{c.index, sync_pos_, c.line, c.last_line, {}, {}};
@@ -174,7 +174,7 @@ void Builder::handle_cycle(const Cycle &c) {
                 p.expect->decisions.push_back(d);
     }
     sync_pos_++;
-    steer_ = std::move(p);
+    push_steering(std::move(p));
 }
 
 void Builder::handle_query(const Event &e) {
@@ -191,19 +191,22 @@ void Builder::handle_query(const Event &e) {
     core_ = std::move(p);
 }
 
-// An open failure is served as an absent file after the sync before it, a
-// mapping failure as an unmappable file from the cycle's sync on.
+// An open failure is served as an absent file after the sync before it. A
+// mapping failure needs the file unmappable when the daemon opened it: from
+// the connection's sync when it fails in the connection's first cycle.
 void Builder::handle_table_failed(const Event &e) {
     std::string t = failed_table(e);
-    if (!open_ || !steer_ || !steer_->sync || t.empty())
+    if (!open_ || steer_.empty() || !steer_.back().sync || t.empty())
         return;
-    const char *key = failed_at_open(e) ? "absent" : "unmappable";
-    Json &list = steer_->step[key];
+    bool at_open = failed_at_open(e);
+    Pending &at =
+        !at_open && steer_.size() == 2 && steer_.front().connect ? steer_.front() : steer_.back();
+    Json &list = at.step[at_open ? "absent" : "unmappable"];
     if (!list.is_array())
         list = Json::array();
     list.push_back(t);
-    if (!failed_at_open(e))
-        steer_->ends_run = true;  // the daemon exits in this cycle: it is whole
+    if (!at_open)
+        steer_.back().ends_run = true;  // the daemon exits in this cycle: it is whole
 }
 
 }  // namespace zlog::rec

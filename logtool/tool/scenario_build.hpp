@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -66,7 +67,8 @@ const char *result_words(Msg m);
 Json lookup_step(const Answer &a, int64_t id, uint64_t line);
 Json sync_step(const Cycle &c, bool with_tables);
 Json query_step(const Event &e);
-// "caps", "flows" or "ss_flows" for a table failure's text; "" when unknown.
+// "caps", "flows" or "ss_flows" for a table that could not be opened or
+// mapped; "" for any other failure.
 std::string failed_table(const Event &e);
 bool failed_at_open(const Event &e);
 
@@ -125,6 +127,7 @@ class Builder : public Sink {
         explicit Pending(Json s, bool is_sync = false) : step(std::move(s)), sync(is_sync) {}
         Json step;
         bool sync = false;
+        bool connect = false;   // a connection's own sync: the table files are opened after it
         bool ends_run = false;  // the daemon exits in this cycle (a table it cannot map)
         std::optional<CycleExpect> expect;  // a cycle with tables
         std::optional<QueryExpect> query;
@@ -142,6 +145,8 @@ class Builder : public Sink {
     void close(uint64_t last_line, const char *why);
     void start_steering(bool lookup, bool connect_sync);
     void start_core(bool lookup);
+    void push_steering(Pending p);
+    void write_steering();  // the oldest kept step
     void flush_steering();
     void flush_core();
     void begin();
@@ -160,7 +165,8 @@ class Builder : public Sink {
     uint64_t quiet_from_ = 1, quiet_t_ = 0;  // lines without a stretch since
     int64_t zeb_id_ = 30, core_id_ = 31;     // the ids last looked up
     size_t sync_pos_ = 0;
-    std::optional<Pending> steer_, core_;
+    std::deque<Pending> steer_;  // the step kept back and the one before it
+    std::optional<Pending> core_;
     std::vector<Json> early_steer_, early_core_;  // steps before the run's first cycle
     RunExpect cur_;
     std::vector<RunExpect> runs_;

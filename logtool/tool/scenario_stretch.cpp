@@ -19,7 +19,7 @@ void Builder::open(uint64_t line, bool at_boot) {
     // At boot the daemon's own lookups follow; later it is long connected.
     steer_started_ = core_started_ = at_boot;
     sync_pos_ = 0;
-    steer_.reset();
+    steer_.clear();
     core_.reset();
     early_steer_.clear();
     early_core_.clear();
@@ -32,12 +32,12 @@ void Builder::close(uint64_t last_line, const char *why) {
         return;
     // A cycle with tables that nothing followed may have been cut anywhere:
     // its decisions are not all in the log.
-    if (steer_ && steer_->expect && !steer_->ends_run) {
+    if (!steer_.empty() && steer_.back().expect && !steer_.back().ends_run) {
         char b[160];
         std::snprintf(b, sizeof b, "lines %" PRIu64 "-%" PRIu64 ": a cycle cut off by %s, skipped",
-                      steer_->expect->line, last_line, why);
+                      steer_.back().expect->line, last_line, why);
         skipped_.push_back(b);
-        steer_.reset();
+        steer_.pop_back();
     }
     flush_steering();
     if (core_ && core_->query)
@@ -63,11 +63,12 @@ void Builder::start_steering(bool lookup, bool connect_sync) {
     steer_started_ = true;
     if (lookup)
         return;
-    steer_.emplace(Json{{"on", "lookup"}, {"id", zeb_id_}, {"line", first_line_}});
+    push_steering(Pending(Json{{"on", "lookup"}, {"id", zeb_id_}, {"line", first_line_}}));
     if (connect_sync)
         return;
-    flush_steering();
-    steer_.emplace(Json{{"on", "sync"}, {"code", 0}, {"line", first_line_}}, true);
+    Pending sync(Json{{"on", "sync"}, {"code", 0}, {"line", first_line_}}, true);
+    sync.connect = true;
+    push_steering(std::move(sync));
     sync_pos_++;
 }
 
@@ -92,11 +93,18 @@ void Builder::begin() {
     early_core_.clear();
 }
 
+void Builder::push_steering(Pending p) {
+    while (steer_.size() > 1) write_steering();
+    steer_.push_back(std::move(p));
+}
+
 void Builder::flush_steering() {
-    if (!steer_)
-        return;
-    Pending p = std::move(*steer_);
-    steer_.reset();
+    while (!steer_.empty()) write_steering();
+}
+
+void Builder::write_steering() {
+    Pending p = std::move(steer_.front());
+    steer_.pop_front();
     if (p.expect)
         begin();
     if (p.step.contains("fault"))
