@@ -24,8 +24,8 @@ struct Args {
 };
 
 bool parse(const Words &w, Args &a) {
-    a.o.daemon = ZEBUSR_DAEMON_DEFAULT;
-    a.o.preload = ZEBUSR_PRELOAD_DEFAULT;
+    a.o.daemon = rec::default_daemon();
+    a.o.preload = rec::default_preload();
     for (size_t i = 0; i < w.size(); i++) {
         bool has_value = i + 1 < w.size();
         if (w[i] == "--daemon" && has_value)
@@ -108,6 +108,14 @@ int replay(const Args &a) {
 }
 
 }  // namespace
+
+rec::fs::path rec::default_daemon() {
+    return ZEBUSR_DAEMON_DEFAULT;
+}
+
+rec::fs::path rec::default_preload() {
+    return ZEBUSR_PRELOAD_DEFAULT;
+}
 
 int verb_replay(const Words &w) {
     Args a;

@@ -48,6 +48,11 @@ struct ReplayOptions {
 // up, then stops it and compares.
 RunOutcome replay_run(const sim::Scenario &s, const RunExpect &r, size_t k, const ReplayOptions &o);
 
+// The build's zebusrd and preload library, which replay runs unless told
+// otherwise.
+fs::path default_daemon();
+fs::path default_preload();
+
 // Prints both sides' lines of a difference.
 void print_difference(const Difference &d, const std::string &original_log,
                       const fs::path &replay_log);

@@ -82,6 +82,9 @@ void Builder::finish() {
 }
 
 void Builder::handle(const Item &it) {
+    // Told late (a query ends when the next begins), after its stretch closed.
+    if (!open_ && it.line <= closed_upto_)
+        return;
     now_t_ = it.t;
     if (open_)
         last_t_ = it.t;

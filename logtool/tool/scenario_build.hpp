@@ -162,6 +162,7 @@ class Builder : public Sink {
     bool open_ = false, begun_ = false;
     bool steer_started_ = false, core_started_ = false;
     uint64_t first_line_ = 0, first_t_ = 0, last_t_ = 0;
+    uint64_t closed_upto_ = 0;               // the last line of the last stretch closed
     uint64_t quiet_from_ = 1, quiet_t_ = 0;  // lines without a stretch since
     int64_t zeb_id_ = 30, core_id_ = 31;     // the ids last looked up
     size_t sync_pos_ = 0;

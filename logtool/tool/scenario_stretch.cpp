@@ -53,6 +53,7 @@ void Builder::close(uint64_t last_line, const char *why) {
         note_skip(first_line_, last_line, first_t_, last_t_, "no whole cycle with tables");
     }
     open_ = false;
+    closed_upto_ = last_line;
     quiet_from_ = last_line + 1;
     quiet_t_ = now_t_;
 }
