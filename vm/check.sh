@@ -145,7 +145,24 @@ view_outcome() {
     echo "kernel warnings: $(grep -cE 'WARNING:|BUG:|Oops|Call Trace' "$out/dmesg.txt")"
 }
 
-cases=(connection boost decisions requests timing csv outcome)
+# The guest's log replayed through the host's zebusrd under the simulator:
+# every cycle with tables decided, and every query boosted, as in the guest.
+view_replay() {
+    local text status
+    text=$("$here/../scripts/zebusr-log.sh" replay "$out/zebusr_log.txt" 2>&1)
+    status=$?
+    echo "$text" >"$out/replay.txt"
+    if [ "$status" -eq 0 ] &&
+        grep -qE '^([1-9][0-9]+) of \1 cycles decided the same$' <<<"$text" &&
+        grep -qE '^([1-9][0-9]*) of \1 throughput queries boosted the same$' <<<"$text"; then
+        echo "replayed: ten or more cycles, every one decided the same; every query boosted the same"
+    else
+        echo "replay exit $status:"
+        echo "$text"
+    fi
+}
+
+cases=(connection boost decisions requests timing csv outcome replay)
 if [ "${2:-}" = --show ]; then
     for c in "${cases[@]}"; do echo "=== $c"; "view_$c"; done
     exit 0
