@@ -28,7 +28,7 @@ const char *problem_text(Problem p) {
 }
 
 const char *outcome_name(Outcome o) {
-    static const char *const kNames[] = {"not logged", "code",         "no answer",
+    static const char *const kNames[] = {"not logged", "code",        "no answer",
                                          "malformed",  "NLMSG_ERROR", "not sent"};
     static_assert(sizeof kNames / sizeof kNames[0] == static_cast<int>(Outcome::NotSent) + 1);
     return kNames[static_cast<int>(o)];
@@ -42,11 +42,25 @@ const char *kind_name(Kind k) {
 
 const char *event_name(EventKind k) {
     static const char *const kNames[] = {
-        "run start",     "run end",      "verbose on",       "verbose off",
-        "csv opened",    "csv failed",   "lookup",           "connect failed",
-        "connected",     "sync failed",  "core connect failed", "core connected",
-        "core gave up",  "query",        "table failed",     "thread failed",
-        "gap",           "problem",      "note",
+        "run start",
+        "run end",
+        "verbose on",
+        "verbose off",
+        "csv opened",
+        "csv failed",
+        "lookup",
+        "connect failed",
+        "connected",
+        "sync failed",
+        "core connect failed",
+        "core connected",
+        "core gave up",
+        "query",
+        "table failed",
+        "thread failed",
+        "gap",
+        "problem",
+        "note",
     };
     static_assert(sizeof kNames / sizeof kNames[0] == static_cast<int>(EventKind::Note) + 1);
     return kNames[static_cast<int>(k)];

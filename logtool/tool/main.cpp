@@ -13,6 +13,7 @@ const char kUsage[] =
     "  check LOG                          every line against the table of log lines\n"
     "  explain LOG [--csv CSV]            each decision and why, the connection's story, a summary\n"
     "  trace LOG [--csv CSV] -o OUT.json  a Chrome JSON trace for the Perfetto UI\n"
+    "        [--clock HH:MM:SS.uuuuuu=SECONDS]  on a system trace's clock (boot time)\n"
     "  scenario LOG -o OUT.json           the recorded cycles as a simulator scenario\n"
     "  replay LOG [--daemon PATH]         today's zebusrd on the recorded cycles, compared\n"
     "  picture LOG -o OUT.png             the run's picture\n"
