@@ -86,8 +86,6 @@ void Builder::handle(const Item &it) {
     if (!open_ && it.line <= closed_upto_)
         return;
     now_t_ = it.t;
-    if (open_)
-        last_t_ = it.t;
     if (it.cycle)
         handle_cycle(*it.cycle);
     else if (it.event)
@@ -145,8 +143,7 @@ void Builder::handle_lookup(const Event &e) {
     Pending p(lookup_step(e.answer, ok ? e.number : 0, e.line));
     if (core) {
         start_core(true);
-        flush_core();
-        core_ = std::move(p);
+        push_core(std::move(p));
     } else {
         start_steering(true, false);
         push_steering(std::move(p));
@@ -188,10 +185,9 @@ void Builder::handle_query(const Event &e) {
     if (!open_)
         open(e.line, false);
     start_core(false);
-    flush_core();
     Pending p(query_step(e));
     p.query = QueryExpect{e.line, e.last_line, {}};
-    core_ = std::move(p);
+    push_core(std::move(p));
 }
 
 // An open failure is served as an absent file after the sync before it. A

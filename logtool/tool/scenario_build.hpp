@@ -126,6 +126,7 @@ class Builder : public Sink {
     struct Pending {  // a step kept back until the next one shows it was finished
         explicit Pending(Json s, bool is_sync = false) : step(std::move(s)), sync(is_sync) {}
         Json step;
+        uint64_t t = 0;  // the log's clock when it was told
         bool sync = false;
         bool connect = false;   // a connection's own sync: the table files are opened after it
         bool ends_run = false;  // the daemon exits in this cycle (a table it cannot map)
@@ -148,6 +149,7 @@ class Builder : public Sink {
     void push_steering(Pending p);
     void write_steering();  // the oldest kept step
     void flush_steering();
+    void push_core(Pending p);
     void flush_core();
     void begin();
     void note_skip(uint64_t from, uint64_t to, uint64_t t0, uint64_t t1, const char *what);
@@ -161,7 +163,8 @@ class Builder : public Sink {
 
     bool open_ = false, begun_ = false;
     bool steer_started_ = false, core_started_ = false;
-    uint64_t first_line_ = 0, first_t_ = 0, last_t_ = 0;
+    uint64_t first_line_ = 0, first_t_ = 0;
+    uint64_t last_t_ = 0;                    // the clock of the stretch's last step written
     uint64_t closed_upto_ = 0;               // the last line of the last stretch closed
     uint64_t quiet_from_ = 1, quiet_t_ = 0;  // lines without a stretch since
     int64_t zeb_id_ = 30, core_id_ = 31;     // the ids last looked up

@@ -1,6 +1,7 @@
 // A stretch's edges: opening one (with the connection a fresh daemon needs
 // when the log joins a run already connected), keeping each step back until
 // the next shows it finished, and closing it.
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -78,7 +79,7 @@ void Builder::start_core(bool lookup) {
         return;
     core_started_ = true;
     if (!lookup)
-        core_.emplace(Json{{"on", "lookup"}, {"id", core_id_}, {"line", first_line_}});
+        push_core(Pending(Json{{"on", "lookup"}, {"id", core_id_}, {"line", first_line_}}));
 }
 
 // The run is written from its first cycle with tables on: a stretch with
@@ -95,6 +96,7 @@ void Builder::begin() {
 }
 
 void Builder::push_steering(Pending p) {
+    p.t = now_t_;
     while (steer_.size() > 1) write_steering();
     steer_.push_back(std::move(p));
 }
@@ -106,6 +108,7 @@ void Builder::flush_steering() {
 void Builder::write_steering() {
     Pending p = std::move(steer_.front());
     steer_.pop_front();
+    last_t_ = std::max(last_t_, p.t);
     if (p.expect)
         begin();
     if (p.step.contains("fault"))
@@ -121,11 +124,18 @@ void Builder::write_steering() {
         early_steer_.push_back(std::move(p.step));
 }
 
+void Builder::push_core(Pending p) {
+    flush_core();
+    p.t = now_t_;
+    core_ = std::move(p);
+}
+
 void Builder::flush_core() {
     if (!core_)
         return;
     Pending p = std::move(*core_);
     core_.reset();
+    last_t_ = std::max(last_t_, p.t);
     cur_.sleep_s += p.step.contains("fault") ? 3 : p.query ? 1 : 0;
     if (p.query && keep_)
         cur_.queries.push_back(std::move(*p.query));
