@@ -34,21 +34,33 @@ double factor_for(const RunExpect &r) {
     return std::clamp(kBudgetS / r.sleep_s, kMinFactor, kMaxFactor);
 }
 
+// The run is over when the simulator says so, or when the boost thread gave
+// up in the log (it asks nothing after its last step) and its steps are used
+// while the steering side waits.
+bool over(sim::Session &s, const RunExpect &r, const nlohmann::ordered_json &p) {
+    if (s.recorded_done())
+        return true;
+    const auto &core = p["core"];
+    return r.core_ends && core["used"] == core["steps"] && p["steering"]["held"] == true;
+}
+
 // Waits until the run is over; false when it stalled.
-bool wait_done(sim::Session &s) {
+bool wait_done(sim::Session &s, const RunExpect &r) {
     std::string last;
     auto moved = Clock::now();
-    while (!s.recorded_done()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        std::string now = s.server().recorded_progress().dump();
+    for (;;) {
+        nlohmann::ordered_json p = s.server().recorded_progress();
+        if (over(s, r, p))
+            return true;
+        std::string now = p.dump();
         if (now != last) {
             last = now;
             moved = Clock::now();
         } else if (Clock::now() - moved > kStall) {
             return false;
         }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    return true;
 }
 
 }  // namespace
@@ -71,7 +83,7 @@ RunOutcome replay_run(const sim::Scenario &s, const RunExpect &r, size_t k,
     try {
         sim::Session session(std::move(so));
         session.start_daemon();
-        if (!wait_done(session))
+        if (!wait_done(session, r))
             problem = "the replay used no step for a minute: stopped";
         session.signal(SIGTERM);
         if (!session.wait_exit(10))

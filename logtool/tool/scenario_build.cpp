@@ -116,6 +116,9 @@ void Builder::handle_event(const Event &e) {
             if (open_)
                 close(e.line - 1, "lines without verbose detail");
             break;
+        case EventKind::CoreGaveUp:
+            cur_.core_ends = open_;
+            break;
         case EventKind::Lookup:
             handle_lookup(e);
             break;

@@ -43,6 +43,7 @@ struct RunExpect {
     double seconds = 0;          // how long the stretch lasted in the log
     double sleep_s = 0;          // what the daemon sleeps or waits in it: a second
                                  // a query, 3 s a failed step
+    bool core_ends = false;      // the boost thread gave up in it: no request follows its steps
     std::vector<int64_t> syncs;  // per sync step: index into cycles, -1 not judged
     std::vector<CycleExpect> cycles;
     std::vector<QueryExpect> queries;                  // per throughput query step
