@@ -167,7 +167,8 @@ struct Transcript : Sink {
         if (e.kind == EventKind::Query)
             out += std::string(e.valid ? " valid" : " invalid") +
                    " len=" + std::to_string(e.list_len) +
-                   " rates=" + std::to_string(e.rates.size());
+                   " rates=" + std::to_string(e.rates.size()) +
+                   (e.timestamp ? " ts=" + std::to_string(e.timestamp) : "");
         if (e.problem != Problem::None)
             out += std::string(" [") + problem_text(e.problem) + "]";
         std::string text = e.text.substr(0, 72);
@@ -198,6 +199,26 @@ std::string messy() {
     l.script("caps_bad_cpu; gold_header; gold_count 200");
     for (int i = 1; i <= 128; i++) l.put(Msg::gold_entry, {std::to_string(i), "4", "1", "1"});
     return text + l.put(Msg::gold_max).text;
+}
+
+// Both threads wait on a reply when a receive fails: the line is the boost
+// thread's only once the evaluation goes on as after a success; a query list
+// past what the driver holds; lines in CR LF from the third on.
+std::string shared_receive() {
+    Log l;
+    l.script(R"(@36000 main_init; main_verbose_boot; sync_start 1; recv_int_waiting; recv_error
+query_requested; recv_pid_waiting; recv_invalid_reply; recv_pid_failed; recv_int_failed
+sync_start 2; recv_int_waiting; query_requested; recv_pid_waiting; recv_msg_error; query_success
+query_requested; recv_pid_waiting; recv_error; recv_pid_failed; recv_int_failed
+@36001 query_requested; recv_pid_waiting; query_success; rates_header; rates_list_len 70 77)");
+    for (int i = 0; i < 70; i++)
+        l.put(Msg::rates_entry, {std::to_string(i), std::to_string(100 + i), "0", "5", "0", "9"});
+    l.script("eval_boost_left 100 5 9; sync_start 3");
+    std::string text = l.text;
+    size_t third = text.find('\n', text.find('\n', text.find('\n') + 1) + 1);
+    for (size_t at = third; at != std::string::npos; at = text.find('\n', at + 2))
+        text.replace(at, 1, "\r\n");
+    return text;
 }
 
 struct Case {
@@ -312,7 +333,7 @@ BOOST r0@14 t=1000000 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/-1 not logged accept
 query r0@15 not logged@15 invalid len=0 rates=0
 verbose on r0@16
 gap r0@6-15: 2.000 s without verbose lines
-query r0@18-26 code 0@21 valid len=2 rates=2
+query r0@18-26 code 0@21 valid len=2 rates=2 ts=77
 BOOST r0@27 t=2000100 0 -1>-1 0/0/0/0 bps=0 pid42/600000000/800 code 0@28 accepted
 run end r0@28 t=2000110: the log ends
 )"},
@@ -337,6 +358,18 @@ problem r0@4 [longer than a megabyte (the rest of the line skipped)]: zzzzzzzzzz
 problem r0@5 [an empty line where none belongs]
 cycle r0#0 6-145 t=1000 seq=1 sync=code 0@8 ss200max: caps1bad gold200max: 128 entries dec=0
 run end r0@145 t=2380: the log ends
+)"},
+    {"shared_receive_errors_and_a_long_rate_list", shared_receive(),
+     R"(run start r0@1 n=1
+note r0@3: lines end in CR LF (read without the CR)
+query r0@7-11 malformed@10 invalid len=0 rates=0
+cycle r0#0 3-12 t=20 seq=1 sync=no answer@6 dec=0 complete
+query r0@16 code 0@20 valid len=0 rates=0
+query r0@22-26 no answer@25 invalid len=0 rates=0
+query r0@28-104 code 0@31 valid len=70 rates=64 ts=77
+cycle r0#1 13-27 t=100 seq=2 sync=NLMSG_ERROR@19 dec=0 complete
+cycle r0#2 106-106 t=1000760 seq=3 sync=not logged dec=0
+run end r0@106 t=1000760: the log ends
 )"},
     {"deliberate_exits",
      script(R"(@36000 main_init; caps_mmap_failed No_such_device; cleanup_done; main_init

@@ -2,6 +2,7 @@
 // way a line or a row can be wrong.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -74,6 +75,9 @@ TEST(ParseLine, EachShapeOfLine) {
          "connect_file_failed 'a file failed'"},
         {W("zebusr_init_cap_file", 48, "ERR", "open: No such file or directory"),
          "cap_file_open_failed 'No such file or directory'"},
+        // The source line takes up to 9 digits.
+        {W("main", 123456789, "HIGH", "Initializing zebusrd"), "main_init"},
+        {W("main", 1234567890, "HIGH", "Initializing zebusrd"), "noprefix"},
         // What printf cannot have written: out of range, signs, leading zeros.
         {W("zebusr_genl_recv_int_from_kernel", 160, "LOW",
            "  kernel seq_num 2147483648 return "
@@ -104,6 +108,8 @@ TEST(ParseLine, EachShapeOfLine) {
         {" 09:41:08.977326  " + zb + "():1234 (ERR): netlink failed to send to fd", "columns"},
         {"09:41:08.977326 main(): 63 (HIGH): Exiting main", "columns"},
         {" 24:41:08.977326                                     main(): 63 (HIGH): Exiting main",
+         "noprefix"},
+        {" 09:41:08.9x7326                                     main(): 63 (HIGH): Exiting main",
          "noprefix"},
         {W("main", 63, "INFO", "Exiting main"), "noprefix"},
         {"Exiting main", "noprefix"},
@@ -187,6 +193,37 @@ TEST(ReadLines, TooLongKeepsTheFirstMegabyte) {
     EXPECT_EQ(s.size, kMaxLine);
     read_lines_text(std::string(kMaxLine, 'y') + "\n", s);
     EXPECT_EQ(s.size, kMaxLine);
+}
+
+TEST(ReadLines, FromAFile) {
+    const std::string dir = ::testing::TempDir(), empty = dir + "/logread_empty.txt",
+                      one = dir + "/logread_one.txt";
+    const std::string init = W("main", 63, "HIGH", "Initializing zebusrd") + "\n";
+    std::FILE *f = std::fopen(empty.c_str(), "w");
+    ASSERT_TRUE(f);
+    std::fclose(f);
+    ASSERT_TRUE(f = std::fopen(one.c_str(), "w"));
+    std::fputs(init.c_str(), f);
+    std::fclose(f);
+    struct Case {
+        std::string path;
+        bool ok;
+        std::string why, lines;
+    } cases[] = {
+        {dir + "/logread_missing.txt", false,
+         dir + "/logread_missing.txt: No such file or directory", ""},
+        {dir, false, dir + ": Is a directory", ""},
+        {empty, true, "", ""},  // an error number left over from before is not this file's
+        {one, true, "", "1 main_init [ 09:41:08.97]\n"},
+    };
+    for (const Case &c : cases) {
+        Transcript t;
+        std::string why;
+        errno = ENOENT;
+        EXPECT_EQ(read_lines_file(c.path, t, why), c.ok) << c.path;
+        EXPECT_EQ(why, c.why);
+        EXPECT_EQ(t.out, c.lines);
+    }
 }
 
 struct CsvTranscript : CsvSink {
