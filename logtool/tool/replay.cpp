@@ -123,15 +123,23 @@ int verb_replay(const Words &w) {
         std::fputs(kUsage, stderr);
         return 2;
     }
+    // A directory of our own goes whatever happens in it.
+    struct Remove {
+        rec::fs::path dir;
+        ~Remove() {
+            std::error_code ec;
+            if (!dir.empty())
+                rec::fs::remove_all(dir, ec);
+        }
+    } remove;
     try {
-        if (a.keep)
+        if (a.keep) {
             rec::fs::create_directories(a.o.dir);
-        else
+        } else {
             a.o.dir = temp_dir();
-        int rc = replay(a);
-        if (!a.keep)
-            rec::fs::remove_all(a.o.dir);
-        return rc;
+            remove.dir = a.o.dir;
+        }
+        return replay(a);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "zebusr-log: %s\n", e.what());
         return 2;
