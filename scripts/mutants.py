@@ -429,10 +429,12 @@ def runs_daemon_code(cmd):
 
 
 def defined_symbols(binary):
-    """The functions and data an object or executable defines (weak ones, which every user
-    of an inline function defines too, left out)."""
+    """The functions and data an object or executable defines. Left out: weak ones, which
+    every user of an inline function defines too, and the compiler's own per-file ones
+    (static initialisation, <iostream>'s init object), alike in every file."""
     out = subprocess.run(["nm", "--defined-only", str(binary)], capture_output=True, text=True).stdout
-    return {f[2] for f in (ln.split() for ln in out.splitlines()) if len(f) == 3 and f[1] in "TtDdRrBb"}
+    return {f[2] for f in (ln.split() for ln in out.splitlines())
+            if len(f) == 3 and f[1] in "TtDdRrBb" and not re.search(r"^_ZSt|__static_init|^_GLOBAL__", f[2])}
 
 
 def object_of(path):
