@@ -132,6 +132,18 @@ std::vector<Case> cases() {
           "[   0.230s] 09:00:00.230 L25 DOWN   flow 0xb0b0 cpu5 -> silver cpu1 (cpu0 "
           "refused) | flow avg 40000 pps < cpu1 avg spare 65000 - 20000 headroom  => accepted",
           "    DOWN          2        1 (0)", "  refused moves: 1 (code -16: 1)"}});
+    Log m;  // the log starts inside a run: a family id 0; a refusal before any sync
+    m.m("zebusr_genl_init_sock", "MED", "ZEB Family id = 0 seq_num = 13");
+    m.m(kDown, "HIGH", down("ZEB_SUGG_DOWN: > Sending msg to kernel to request", 0)).move(12, -16);
+    m.m(kDown, "HIGH", down("ZEB_SUGG_DOWN: > Sending msg to kernel to request", 1)).move(14, 0);
+    m.m(kDown, "HIGH", "  ZEB_SUGG_DOWN: Move successful");
+    c.push_back({"mid-run",
+                 m.text,
+                 {"[   0.000s] 09:00:00.000 L1 LOOKUP DULOX_ZEB -> id 0",
+                  "[   0.060s] 09:00:00.060 L7 DOWN   flow 0xb0b0 cpu5 -> silver cpu1 (cpu0 "
+                  "refused) | flow avg 40000 pps < cpu1 avg spare 65000 - 20000 headroom  => "
+                  "accepted",
+                  "  refused moves: 1 (code -16: 1)"}});
     Log b;  // BAL: the second flow of cpu6 to cpu5; UP: cpu2 loaded, to cpu4
     b.start(true).sync(10).caps(kCaps).m(kUp, "LOW",
                                          "################## SILVER TO GOLD ##################");
