@@ -74,4 +74,19 @@ exit 0)j"},
     for (const auto &c : cases) EXPECT_EQ(run(c.args), c.want) << c.args;
 }
 
+TEST(Verbs, CheckShowsAHundredBadLinesThenCounts) {
+    const std::string log = ::testing::TempDir() + "/verbs_bad.log",
+                      why = ": not a log line (no stamp, function, line number and level)";
+    std::FILE *f = std::fopen(log.c_str(), "w");
+    ASSERT_TRUE(f);
+    std::string want;
+    for (int i = 1; i <= 101; i++) {
+        std::fputs("x\n", f);
+        want += i <= 100 ? log + ":" + std::to_string(i) + why + ": x\n" : "";
+    }
+    std::fclose(f);
+    EXPECT_EQ(run("check " + log), want + "... and 1 more\n101 lines: 0 match, 101 do not (101" +
+                                       why.substr(1) + ")\nexit 1");
+}
+
 }  // namespace
