@@ -189,6 +189,7 @@ class Assembler : public LineSink {
     std::string end_why_;
     bool end_exit_ = false;
     bool cleaned_ = false;
+    bool stopping_ = false;  // the stop signal's handler ran: the clean-up closes the tables
 };
 
 }  // namespace zlog::detail

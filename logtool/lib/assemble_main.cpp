@@ -48,6 +48,7 @@ void Assembler::on_main(const LogLine &l) {
             set_end("both worker threads ended and main returned", true);
             break;
         case Msg::sig_handler:
+            stopping_ = true;
             set_end("stopped by a signal", true);
             break;
         case Msg::cleanup_done:
@@ -93,6 +94,14 @@ bool Assembler::on_table_failed(const LogLine &l) {
             break;
         default:
             return false;
+    }
+    // After the stop signal the clean-up closes the table files under a cycle
+    // still running: its failure then is the exit's, not the module's.
+    if (stopping_) {
+        note(l.no,
+             std::string(what) + " " + table_of(l.msg) +
+                 " table after the stop signal (the clean-up closed its file): " + words(l, 0));
+        return true;
     }
     Event &e = fresh(EventKind::TableFailed, l.no);
     e.family = table_of(l.msg);

@@ -129,7 +129,7 @@ void Assembler::start_run(const LogLine &l, bool mid_run) {
     verbose_ = false;
     verbose_known_ = !mid_run;
     end_why_.clear();
-    end_exit_ = cleaned_ = crlf_noted_ = have_time_ = false;
+    end_exit_ = cleaned_ = stopping_ = crlf_noted_ = have_time_ = false;
     run_first_line_ = last_line_ = l.no;
     t_us_ = 0;
     gap_open_ = false;
