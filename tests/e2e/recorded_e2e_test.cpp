@@ -46,7 +46,9 @@ std::string answer(const Json &out) {
     return a;
 }
 
-// "request: answer @step/line" per side, in the order the daemon asked.
+// "request: answer @step/line" per side, in the order the daemon asked, up to
+// the first request held once the side's steps are used up: what follows it
+// (a receive time-out, a new lookup) depends on how soon the stop comes.
 std::map<std::string, Strings> exchanges(const Daemon &run) {
     std::map<long, Json> asked;
     std::map<std::string, Strings> sides;
@@ -58,8 +60,9 @@ std::map<std::string, Strings> exchanges(const Daemon &run) {
         if (r["dir"] != "out")
             continue;
         const Json &in = asked.at(r["n"].get<long>());
-        bool core = in.value("family", "") == "DULOX_CORE";
-        sides[core ? "core" : "steering"].push_back(request(in) + ": " + answer(r));
+        Strings &side = sides[in.value("family", "") == "DULOX_CORE" ? "core" : "steering"];
+        if (side.empty() || side.back().find("steps are used up: held") == std::string::npos)
+            side.push_back(request(in) + ": " + answer(r));
     }
     return sides;
 }
