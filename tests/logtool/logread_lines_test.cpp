@@ -121,9 +121,10 @@ TEST(ParseLine, EachShapeOfLine) {
         EXPECT_EQ(render(l), c.want) << c.text;
         EXPECT_EQ(ok, l.problem == Problem::None) << c.text;
     }
-    LogLine l;
-    ASSERT_TRUE(
-        parse_line(" 23:59:60.999999 " + zb + "():1234 (ERR): netlink failed to send to fd", 9, l));
+    LogLine l;  // views into the text: the text outlives it
+    const std::string leap =
+        " 23:59:60.999999 " + zb + "():1234 (ERR): netlink failed to send to fd";
+    ASSERT_TRUE(parse_line(leap, 9, l));
     EXPECT_EQ(l.tod_us, 86400999999u);
     EXPECT_EQ(l.no, 9u);
     EXPECT_EQ(l.func, zb);
