@@ -109,8 +109,6 @@ TEST(ParseLine, EachShapeOfLine) {
         {"09:41:08.977326 main(): 63 (HIGH): Exiting main", "columns"},
         {" 24:41:08.977326                                     main(): 63 (HIGH): Exiting main",
          "noprefix"},
-        {" 09:41:08.9x7326                                     main(): 63 (HIGH): Exiting main",
-         "noprefix"},
         {W("main", 63, "INFO", "Exiting main"), "noprefix"},
         {"Exiting main", "noprefix"},
         {"", "noprefix"},
@@ -120,6 +118,13 @@ TEST(ParseLine, EachShapeOfLine) {
         bool ok = parse_line(c.text, 7, l);
         EXPECT_EQ(render(l), c.want) << c.text;
         EXPECT_EQ(ok, l.problem == Problem::None) << c.text;
+    }
+    for (size_t at : {1, 2, 4, 5, 7, 8, 10, 11, 12, 13, 14, 15}) {  // a letter for a stamp digit
+        std::string t = W("main", 63, "HIGH", "Exiting main");
+        t[at] = 'x';
+        LogLine l;
+        parse_line(t, 7, l);
+        EXPECT_EQ(render(l), "noprefix") << t;
     }
     LogLine l;  // views into the text: the text outlives it
     const std::string leap =
