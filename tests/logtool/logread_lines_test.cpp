@@ -9,16 +9,14 @@
 
 #include "csv.hpp"
 #include "lines.hpp"
+#include "log_text.hpp"
 
 namespace zlog {
 namespace {
 
 // A line as the daemon's writer puts it.
 std::string W(const char *func, unsigned src, const char *level, const std::string &msg) {
-    char prefix[160];
-    std::snprintf(prefix, sizeof prefix, "%16s %40s():%3u (%s): ", " 09:41:08.977326" + 1, func,
-                  src, level);
-    return prefix + msg;
+    return test::prefix(34868977326, func, src, level) + msg;  // at 09:41:08.977326
 }
 
 const char *kProblems[] = {"ok",      "crlf",    "nottext", "toolong", "cut",  "noprefix",
@@ -41,79 +39,81 @@ std::string render(const LogLine &l) {
     return out;
 }
 
+const std::string kZb = "zebusr_genl_recv_pid_byte_info_from_kernel";  // 42 columns
+
+// Real lines of every shape and what the reader makes of each.
+const struct LineCase {
+    std::string text, want;
+} kLineCases[] = {
+    {W("main", 63, "HIGH", "Initializing zebusrd"), "main_init"},
+    {W("zebusr_genl_recv_int_from_kernel", 160, "LOW", "  kernel seq_num 4 return code: -1"),
+     "recv_int_code 4 18446744073709551615/-1"},
+    {W("zebusr_genl_recv_int_from_kernel", 160, "LOW",
+       "  kernel seq_num 2147483647 return "
+       "code: -2147483648"),
+     "recv_int_code 2147483647 18446744071562067968/-2147483648"},
+    {W(kZb.c_str(), 23, "LOW", "  Waiting for kernel to send a msg"), "recv_pid_waiting"},
+    {" 09:41:08.977783 " + kZb + "():1234 (ERR): netlink failed to send to fd", "recv_pid_failed"},
+    {W("zebusr_read_gold_flows", 50, "LOW",
+       "  ZEB_MMAP: > flow 0xffffffff on cpu[0] with rx_pps = 18446744073709551615 | avg pps = "
+       "0"),
+     "gold_entry 4294967295 0 18446744073709551615/-1 0"},
+    {W("duloxusr_print_pid_bps_resp", 45, "LOW",
+       "pid[0] = 4242\t| tx_bps[0] = 100000000 | boost_remaining_ms[0] = 5995"),
+     "rates_entry 0 4242 0 100000000 0 5995"},
+    {W("zebusr_ht_debug_print", 116, "LOW",
+       "zebusr_ht_debug_print: \tbkt[7]: hash = 0xf457 | rx_bps = 5 | is_stable = 0 | "
+       "is_segmentation_enabled = 1 "),
+     "ht_print_node 7 62551 5 0 1"},
+    {W("zebusr_sync", 115, "LOW", "########## SYNC START - seq_num 3 #############"),
+     "sync_start 3"},
+    {W("zebusr_connect_to_dulox_zeb", 51, "MED", "zebusr_init_cap_file complete"),
+     "connect_file_done 'cap'"},
+    {W("zebusr_connect_to_dulox_zeb", 51, "MED", "init a file failed file failed"),
+     "connect_file_failed 'a file failed'"},
+    {W("zebusr_init_cap_file", 48, "ERR", "open: No such file or directory"),
+     "cap_file_open_failed 'No such file or directory'"},
+    // The source line takes up to 9 digits.
+    {W("main", 123456789, "HIGH", "Initializing zebusrd"), "main_init"},
+    {W("main", 1234567890, "HIGH", "Initializing zebusrd"), "noprefix"},
+    // What printf cannot have written: out of range, signs, leading zeros.
+    {W("zebusr_genl_recv_int_from_kernel", 160, "LOW",
+       "  kernel seq_num 2147483648 return "
+       "code: 0"),
+     "unknown"},
+    {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 8 page size = -1"), "unknown"},
+    {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 08 page size = 1"), "unknown"},
+    {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = -0 page size = 1"), "unknown"},
+    {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 8 page size = 18446744073709551616"),
+     "unknown"},
+    {W("zebusr_read_gold_flows", 50, "LOW",
+       "  ZEB_MMAP: > flow 0x1ffffffff on cpu[0] with rx_pps = 1 | avg pps = 0"),
+     "unknown"},
+    {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 8 page size = 4096 "), "unknown"},
+    {W("main", 63, "HIGH", "Exiting"), "unknown"},
+    {W("no_such_function", 63, "HIGH", "Exiting main"), "unknown"},
+    {W("main", 63, "LOW", "Initializing zebusrd"), "level"},
+    {W("zebusr_genl_init_sock", 119, "LOW", "DULOX Family id = 31"), "level"},
+    // Columns: each part one column off, or spaced otherwise.
+    {" " + W("main", 63, "HIGH", "Exiting main"), "columns"},
+    {W("main", 63, "HIGH", "Exiting main").substr(1), "columns"},
+    {" 09:41:08.977326                                    main(): 63 (HIGH): Exiting main",
+     "columns"},
+    {" 09:41:08.977326                                     main():63 (HIGH): Exiting main",
+     "columns"},
+    {" 09:41:08.977326                                     main(): 063 (HIGH): Exiting main",
+     "columns"},
+    {" 09:41:08.977326  " + kZb + "():1234 (ERR): netlink failed to send to fd", "columns"},
+    {"09:41:08.977326 main(): 63 (HIGH): Exiting main", "columns"},
+    {" 24:41:08.977326                                     main(): 63 (HIGH): Exiting main",
+     "noprefix"},
+    {W("main", 63, "INFO", "Exiting main"), "noprefix"},
+    {"Exiting main", "noprefix"},
+    {"", "noprefix"},
+};
+
 TEST(ParseLine, EachShapeOfLine) {
-    const std::string zb = "zebusr_genl_recv_pid_byte_info_from_kernel";  // 42 columns
-    struct Case {
-        std::string text, want;
-    } cases[] = {
-        {W("main", 63, "HIGH", "Initializing zebusrd"), "main_init"},
-        {W("zebusr_genl_recv_int_from_kernel", 160, "LOW", "  kernel seq_num 4 return code: -1"),
-         "recv_int_code 4 18446744073709551615/-1"},
-        {W("zebusr_genl_recv_int_from_kernel", 160, "LOW",
-           "  kernel seq_num 2147483647 return "
-           "code: -2147483648"),
-         "recv_int_code 2147483647 18446744071562067968/-2147483648"},
-        {W(zb.c_str(), 23, "LOW", "  Waiting for kernel to send a msg"), "recv_pid_waiting"},
-        {" 09:41:08.977783 " + zb + "():1234 (ERR): netlink failed to send to fd",
-         "recv_pid_failed"},
-        {W("zebusr_read_gold_flows", 50, "LOW",
-           "  ZEB_MMAP: > flow 0xffffffff on cpu[0] with rx_pps = 18446744073709551615 | avg pps = "
-           "0"),
-         "gold_entry 4294967295 0 18446744073709551615/-1 0"},
-        {W("duloxusr_print_pid_bps_resp", 45, "LOW",
-           "pid[0] = 4242\t| tx_bps[0] = 100000000 | boost_remaining_ms[0] = 5995"),
-         "rates_entry 0 4242 0 100000000 0 5995"},
-        {W("zebusr_ht_debug_print", 116, "LOW",
-           "zebusr_ht_debug_print: \tbkt[7]: hash = 0xf457 | rx_bps = 5 | is_stable = 0 | "
-           "is_segmentation_enabled = 1 "),
-         "ht_print_node 7 62551 5 0 1"},
-        {W("zebusr_sync", 115, "LOW", "########## SYNC START - seq_num 3 #############"),
-         "sync_start 3"},
-        {W("zebusr_connect_to_dulox_zeb", 51, "MED", "zebusr_init_cap_file complete"),
-         "connect_file_done 'cap'"},
-        {W("zebusr_connect_to_dulox_zeb", 51, "MED", "init a file failed file failed"),
-         "connect_file_failed 'a file failed'"},
-        {W("zebusr_init_cap_file", 48, "ERR", "open: No such file or directory"),
-         "cap_file_open_failed 'No such file or directory'"},
-        // The source line takes up to 9 digits.
-        {W("main", 123456789, "HIGH", "Initializing zebusrd"), "main_init"},
-        {W("main", 1234567890, "HIGH", "Initializing zebusrd"), "noprefix"},
-        // What printf cannot have written: out of range, signs, leading zeros.
-        {W("zebusr_genl_recv_int_from_kernel", 160, "LOW",
-           "  kernel seq_num 2147483648 return "
-           "code: 0"),
-         "unknown"},
-        {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 8 page size = -1"), "unknown"},
-        {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 08 page size = 1"), "unknown"},
-        {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = -0 page size = 1"), "unknown"},
-        {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 8 page size = 18446744073709551616"),
-         "unknown"},
-        {W("zebusr_read_gold_flows", 50, "LOW",
-           "  ZEB_MMAP: > flow 0x1ffffffff on cpu[0] with rx_pps = 1 | avg pps = 0"),
-         "unknown"},
-        {W("zebusr_init_cap_file", 44, "HIGH", "cap_fd = 8 page size = 4096 "), "unknown"},
-        {W("main", 63, "HIGH", "Exiting"), "unknown"},
-        {W("no_such_function", 63, "HIGH", "Exiting main"), "unknown"},
-        {W("main", 63, "LOW", "Initializing zebusrd"), "level"},
-        {W("zebusr_genl_init_sock", 119, "LOW", "DULOX Family id = 31"), "level"},
-        // Columns: each part one column off, or spaced otherwise.
-        {" " + W("main", 63, "HIGH", "Exiting main"), "columns"},
-        {W("main", 63, "HIGH", "Exiting main").substr(1), "columns"},
-        {" 09:41:08.977326                                    main(): 63 (HIGH): Exiting main",
-         "columns"},
-        {" 09:41:08.977326                                     main():63 (HIGH): Exiting main",
-         "columns"},
-        {" 09:41:08.977326                                     main(): 063 (HIGH): Exiting main",
-         "columns"},
-        {" 09:41:08.977326  " + zb + "():1234 (ERR): netlink failed to send to fd", "columns"},
-        {"09:41:08.977326 main(): 63 (HIGH): Exiting main", "columns"},
-        {" 24:41:08.977326                                     main(): 63 (HIGH): Exiting main",
-         "noprefix"},
-        {W("main", 63, "INFO", "Exiting main"), "noprefix"},
-        {"Exiting main", "noprefix"},
-        {"", "noprefix"},
-    };
-    for (const Case &c : cases) {
+    for (const LineCase &c : kLineCases) {
         LogLine l;
         bool ok = parse_line(c.text, 7, l);
         EXPECT_EQ(render(l), c.want) << c.text;
@@ -128,11 +128,11 @@ TEST(ParseLine, EachShapeOfLine) {
     }
     LogLine l;  // views into the text: the text outlives it
     const std::string leap =
-        " 23:59:60.999999 " + zb + "():1234 (ERR): netlink failed to send to fd";
+        " 23:59:60.999999 " + kZb + "():1234 (ERR): netlink failed to send to fd";
     ASSERT_TRUE(parse_line(leap, 9, l));
     EXPECT_EQ(l.tod_us, 86400999999u);
     EXPECT_EQ(l.no, 9u);
-    EXPECT_EQ(l.func, zb);
+    EXPECT_EQ(l.func, kZb);
     EXPECT_EQ(l.src_line, 1234u);
     EXPECT_EQ(l.level, Level::Err);
 }
