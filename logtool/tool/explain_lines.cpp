@@ -197,6 +197,8 @@ std::string answer_text(const Decision &d) {
     }
     if (d.kind != Kind::Seg && d.accepted)
         return "accepted";
+    if (d.kind != Kind::Seg && d.answer.accepted())  // a cut log: code 0 is the acceptance
+        return "accepted (no success line)";
     if (d.kind != Kind::Seg && d.answer.outcome == Outcome::Unknown)
         return "not accepted (answer not logged)";
     return code_text(d.answer);
