@@ -88,7 +88,7 @@ std::string slurp(const std::string &path) {
 }
 
 // One event a line: "ph pid/tid name @ts +dur key=value..." with the args that
-// say what happened; "pids=N" counts a query's per-process entries.
+// say what happened; "pids=N" counts a query's per-process args.
 std::string render(const nlohmann::json &e) {
     std::ostringstream o;
     o << e["ph"].get<std::string>() << ' ' << e["pid"] << '/' << e["tid"] << ' '
@@ -99,7 +99,7 @@ std::string render(const nlohmann::json &e) {
         o << " +" << e["dur"];
     int pids = 0;
     for (const auto &[k, v] : e["args"].items()) {
-        pids += k.rfind("pid ", 0) == 0 && k.find("tx_bps") != std::string::npos;
+        pids += k.rfind("pid ", 0) == 0;  // its tx_bps and boost_left_ms
         for (const char *want : {"name", "sync", "answer", "text", "pps", "cpu", "dest", "runs",
                                  "cycles", "decisions", "problems", "csv_problems", "clock"})
             if (k == want && !(k == "clock" && v.get<std::string>().rfind("ts:", 0) == 0))
@@ -258,7 +258,7 @@ std::vector<Case> cases() {
     c.push_back({"query", b.text,
                  "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
                  "I 1/0 run start @32400000000\n"
-                 "X 1/2 pid/bps query @32400020000 +350000 answer=code 0 pids=32\n"
+                 "X 1/2 pid/bps query @32400020000 +350000 answer=code 0 pids=64\n"
                  "I 1/0 run end: stopped by a signal @32400380000 text=stopped by a signal\n"
                  "meta 0/0 - cycles=0 decisions=0 problems=0 runs=1\n"});
     return c;
