@@ -100,8 +100,9 @@ std::string render(const nlohmann::json &e) {
     int pids = 0;
     for (const auto &[k, v] : e["args"].items()) {
         pids += k.rfind("pid ", 0) == 0;  // its tx_bps and boost_left_ms
-        for (const char *want : {"name", "sync", "answer", "text", "pps", "cpu", "dest", "runs",
-                                 "cycles", "decisions", "problems", "csv_problems", "clock"})
+        for (const char *want :
+             {"name", "sync", "answer", "text", "pps", "cpu", "dest", "runs", "cycles", "decisions",
+              "first_stamp", "problems", "csv_problems", "clock"})
             if (k == want && !(k == "clock" && v.get<std::string>().rfind("ts:", 0) == 0))
                 o << ' ' << k << '=' << (v.is_string() ? v.get<std::string>() : v.dump());
     }
@@ -145,22 +146,23 @@ std::vector<Case> cases() {
     Log a;  // two cycles: caps, a refused then an accepted move
     a.start(true).sync(10).caps({65000, 3000}).down(0, 12, -16).down(1, 14, 0);
     a.sync(16).caps({65000, 4000});
-    c.push_back({"cycle", a.text,
-                 "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
-                 "I 1/0 run start @32400000000\n"
-                 "I 1/1 DOWN 0xb0b0 cpu5->0 @32400080000 answer=code -16 cpu=5 dest=0 pps=40000\n"
-                 "I 1/1 DOWN 0xb0b0 cpu5->1 @32400130000 answer=code 0 cpu=5 dest=1 pps=40000\n"
-                 "X 1/1 cycle @32400020000 +160000 decisions=2 sync=code 0\n"
-                 "C 1/0 cpu0 spare @32400020000 pps=65000\n"
-                 "C 1/0 cpu0 avg spare @32400020000 pps=65001\n"
-                 "C 1/0 cpu1 spare @32400020000 pps=3000\n"
-                 "C 1/0 cpu1 avg spare @32400020000 pps=3001\n"
-                 "C 1/0 flow 0xb0b0 @32400130000 cpu=1\n"
-                 "X 1/1 cycle @32400190000 +50000 decisions=0 sync=code 0\n"
-                 "C 1/0 cpu1 spare @32400190000 pps=4000\n"
-                 "C 1/0 cpu1 avg spare @32400190000 pps=4001\n"
-                 "I 1/0 run end: the log ends @32400240000 text=the log ends\n"
-                 "meta 0/0 - cycles=2 decisions=2 problems=0 runs=1\n"});
+    c.push_back(
+        {"cycle", a.text,
+         "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
+         "I 1/0 run start @32400000000\n"
+         "I 1/1 DOWN 0xb0b0 cpu5->0 @32400080000 answer=code -16 cpu=5 dest=0 pps=40000\n"
+         "I 1/1 DOWN 0xb0b0 cpu5->1 @32400130000 answer=code 0 cpu=5 dest=1 pps=40000\n"
+         "X 1/1 cycle @32400020000 +160000 decisions=2 sync=code 0\n"
+         "C 1/0 cpu0 spare @32400020000 pps=65000\n"
+         "C 1/0 cpu0 avg spare @32400020000 pps=65001\n"
+         "C 1/0 cpu1 spare @32400020000 pps=3000\n"
+         "C 1/0 cpu1 avg spare @32400020000 pps=3001\n"
+         "C 1/0 flow 0xb0b0 @32400130000 cpu=1\n"
+         "X 1/1 cycle @32400190000 +50000 decisions=0 sync=code 0\n"
+         "C 1/0 cpu1 spare @32400190000 pps=4000\n"
+         "C 1/0 cpu1 avg spare @32400190000 pps=4001\n"
+         "I 1/0 run end: the log ends @32400240000 text=the log ends\n"
+         "meta 0/0 - cycles=2 decisions=2 first_stamp=09:00:00.000000 problems=0 runs=1\n"});
     Log r;  // connected; a sync refused, then one timing out: a reconnection
     r.start(true).connect(1).sync(10, -22).m("zebusr_sync", "LOW",
                                              "########## SYNC START - seq_num 12 #############\n");
@@ -172,50 +174,53 @@ std::vector<Case> cases() {
     r.m("zebusr_connect_to_dulox_zeb", "MED", "zebusr_genl_open_sock failed");
     r.m("zebusr_connect_loop", "LOW", "zebusr_connect_to_dulox_zeb failed on attempt 0");
     r.connect(13);
-    c.push_back({"reconnection", r.text,
-                 "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
-                 "I 1/0 run start @32400000000\n"
-                 "I 1/1 lookup DULOX_ZEB @32400040000 answer=code 0\n"
-                 "X 1/1 connect sync @32400050000 +20000 decisions=0 sync=code 0\n"
-                 "X 1/1 connect DULOX_ZEB @32400040000 +60000 answer=not logged\n"
-                 "X 1/1 cycle @32400110000 +20000 decisions=0 sync=code -22\n"
-                 "X 1/1 cycle @32400140000 +20000 decisions=0 sync=no answer\n"
-                 "I 1/1 sync failed: no answer @32400180000 answer=no answer\n"
-                 "X 1/1 connect DULOX_ZEB failed: socket: socket failed, not logged @32400200000 "
-                 "+0 answer=not logged text=socket: socket failed\n"
-                 "I 1/1 lookup DULOX_ZEB @32400240000 answer=code 0\n"
-                 "X 1/1 connect sync @32400250000 +20000 decisions=0 sync=code 0\n"
-                 "X 1/1 connect DULOX_ZEB @32400240000 +60000 answer=not logged\n"
-                 "X 1/1 reconnect after sync no answer @32400180000 +120000\n"
-                 "I 1/0 run end: the log ends @32400300000 text=the log ends\n"
-                 "meta 0/0 - cycles=4 decisions=0 problems=0 runs=1\n"});
+    c.push_back(
+        {"reconnection", r.text,
+         "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
+         "I 1/0 run start @32400000000\n"
+         "I 1/1 lookup DULOX_ZEB @32400040000 answer=code 0\n"
+         "X 1/1 connect sync @32400050000 +20000 decisions=0 sync=code 0\n"
+         "X 1/1 connect DULOX_ZEB @32400040000 +60000 answer=not logged\n"
+         "X 1/1 cycle @32400110000 +20000 decisions=0 sync=code -22\n"
+         "X 1/1 cycle @32400140000 +20000 decisions=0 sync=no answer\n"
+         "I 1/1 sync failed: no answer @32400180000 answer=no answer\n"
+         "X 1/1 connect DULOX_ZEB failed: socket: socket failed, not logged @32400200000 "
+         "+0 answer=not logged text=socket: socket failed\n"
+         "I 1/1 lookup DULOX_ZEB @32400240000 answer=code 0\n"
+         "X 1/1 connect sync @32400250000 +20000 decisions=0 sync=code 0\n"
+         "X 1/1 connect DULOX_ZEB @32400240000 +60000 answer=not logged\n"
+         "X 1/1 reconnect after sync no answer @32400180000 +120000\n"
+         "I 1/0 run end: the log ends @32400300000 text=the log ends\n"
+         "meta 0/0 - cycles=4 decisions=0 first_stamp=09:00:00.000000 problems=0 runs=1\n"});
     Log s;  // the daemon restarted: a second process
     s.start(true).sync(10).start(false).sync(10);
-    c.push_back({"restart", s.text,
-                 "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
-                 "I 1/0 run start @32400000000\n"
-                 "X 1/1 cycle @32400020000 +20000 decisions=0 sync=code 0\n"
-                 "I 1/0 run end: the daemon started again with no end lines before @32400040000 "
-                 "text=the daemon started again with no end lines before\n"
-                 "M 2/0 process_name name=zebusrd run 2 (line 7)\n"
-                 "I 2/0 run start @32400050000\n"
-                 "X 2/1 cycle @32400060000 +20000 decisions=0 sync=code 0\n"
-                 "X 2/3 no verbose lines @32400050000 +30000 text=0.030 s without verbose lines\n"
-                 "I 2/0 run end: the log ends @32400080000 text=the log ends\n"
-                 "meta 0/0 - cycles=2 decisions=0 problems=0 runs=2\n"});
+    c.push_back(
+        {"restart", s.text,
+         "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
+         "I 1/0 run start @32400000000\n"
+         "X 1/1 cycle @32400020000 +20000 decisions=0 sync=code 0\n"
+         "I 1/0 run end: the daemon started again with no end lines before @32400040000 "
+         "text=the daemon started again with no end lines before\n"
+         "M 2/0 process_name name=zebusrd run 2 (line 7)\n"
+         "I 2/0 run start @32400050000\n"
+         "X 2/1 cycle @32400060000 +20000 decisions=0 sync=code 0\n"
+         "X 2/3 no verbose lines @32400050000 +30000 text=0.030 s without verbose lines\n"
+         "I 2/0 run end: the log ends @32400080000 text=the log ends\n"
+         "meta 0/0 - cycles=2 decisions=0 first_stamp=09:00:00.000000 problems=0 runs=2\n"});
     Log n(86400000 - 30);  // a cycle across midnight
     n.start(true).sync(10).caps({1, 2});
-    c.push_back({"midnight", n.text,
-                 "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
-                 "I 1/0 run start @86399970000\n"
-                 "I 1/0 note: midnight passed @86400000000 text=midnight passed\n"
-                 "X 1/1 cycle @86399990000 +50000 decisions=0 sync=code 0\n"
-                 "C 1/0 cpu0 spare @86399990000 pps=1\n"
-                 "C 1/0 cpu0 avg spare @86399990000 pps=2\n"
-                 "C 1/0 cpu1 spare @86399990000 pps=2\n"
-                 "C 1/0 cpu1 avg spare @86399990000 pps=3\n"
-                 "I 1/0 run end: the log ends @86400040000 text=the log ends\n"
-                 "meta 0/0 - cycles=1 decisions=0 problems=0 runs=1\n"});
+    c.push_back(
+        {"midnight", n.text,
+         "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
+         "I 1/0 run start @86399970000\n"
+         "I 1/0 note: midnight passed @86400000000 text=midnight passed\n"
+         "X 1/1 cycle @86399990000 +50000 decisions=0 sync=code 0\n"
+         "C 1/0 cpu0 spare @86399990000 pps=1\n"
+         "C 1/0 cpu0 avg spare @86399990000 pps=2\n"
+         "C 1/0 cpu1 spare @86399990000 pps=2\n"
+         "C 1/0 cpu1 avg spare @86399990000 pps=3\n"
+         "I 1/0 run end: the log ends @86400040000 text=the log ends\n"
+         "meta 0/0 - cycles=1 decisions=0 first_stamp=23:59:59.970000 problems=0 runs=1\n"});
     Log q;  // verbose off: moves outside cycles; a refused one moves nothing
     q.start(false).down(0, 12, 0).down(1, 14, -16);
     q.m("zebusr_balance_gold_flows", "HIGH",
@@ -223,17 +228,18 @@ std::vector<Case> cases() {
         "avg pps 40000 on cpu[0] can balance to gold cpu[5] with avg capacity 180000 cap_w_head "
         "160000");
     q.m("zebusr_balance_gold_flows", "HIGH", "  ZEB_SUGG_BAL: Move successful");
-    c.push_back({"quiet moves", q.text,
-                 "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
-                 "I 1/0 run start @32400000000\n"
-                 "I 1/1 DOWN 0xb0b0 cpu5->0 @32400010000 answer=code 0 cpu=5 dest=0 pps=40000\n"
-                 "I 1/1 DOWN 0xb0b0 cpu5->1 @32400070000 answer=code -16 cpu=5 dest=1 pps=40000\n"
-                 "I 1/1 BAL 0xb0b0 cpu0->5 @32400120000 answer=code 0 cpu=0 dest=5 pps=40000\n"
-                 "X 1/3 no verbose lines @32400000000 +130000 text=0.130 s without verbose lines\n"
-                 "C 1/0 flow 0xb0b0 @32400010000 cpu=0\n"
-                 "C 1/0 flow 0xb0b0 @32400120000 cpu=5\n"
-                 "I 1/0 run end: the log ends @32400130000 text=the log ends\n"
-                 "meta 0/0 - cycles=0 decisions=3 problems=0 runs=1\n"});
+    c.push_back(
+        {"quiet moves", q.text,
+         "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
+         "I 1/0 run start @32400000000\n"
+         "I 1/1 DOWN 0xb0b0 cpu5->0 @32400010000 answer=code 0 cpu=5 dest=0 pps=40000\n"
+         "I 1/1 DOWN 0xb0b0 cpu5->1 @32400070000 answer=code -16 cpu=5 dest=1 pps=40000\n"
+         "I 1/1 BAL 0xb0b0 cpu0->5 @32400120000 answer=code 0 cpu=0 dest=5 pps=40000\n"
+         "X 1/3 no verbose lines @32400000000 +130000 text=0.130 s without verbose lines\n"
+         "C 1/0 flow 0xb0b0 @32400010000 cpu=0\n"
+         "C 1/0 flow 0xb0b0 @32400120000 cpu=5\n"
+         "I 1/0 run end: the log ends @32400130000 text=the log ends\n"
+         "meta 0/0 - cycles=0 decisions=3 first_stamp=09:00:00.000000 problems=0 runs=1\n"});
     Log p;  // a line that is no log line, with bytes JSON must escape
     p.start(true);
     p.text += "\x01\x7f\xff \"q\" \\ end\n";
@@ -243,7 +249,7 @@ std::vector<Case> cases() {
          "I 1/0 run start @32400000000\n"
          "I 1/3 line 3: bytes that are not text @32400010000 text=\x1\x7F\xC3\xBF \"q\" \\ end\n"
          "I 1/0 run end: the log ends @32400010000 text=the log ends\n"
-         "meta 0/0 - cycles=0 decisions=0 problems=1 runs=1\n"});
+         "meta 0/0 - cycles=0 decisions=0 first_stamp=09:00:00.000000 problems=1 runs=1\n"});
     Log b;  // a query with one entry more than the driver's list holds
     b.start(true).m("duloxusr_send_pid_bps_req", "LOW",
                     "########## PID - BPS REQUESTED ############\n");
@@ -255,12 +261,13 @@ std::vector<Case> cases() {
             "pid[" + std::to_string(i) + "] = " + std::to_string(100 + i) + "\t| tx_bps[" +
                 std::to_string(i) + "] = 1000 | boost_remaining_ms[" + std::to_string(i) + "] = 0");
     b.m("zebusr_sig_handler", "HIGH", "Signal Handler Invoked!");
-    c.push_back({"query", b.text,
-                 "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
-                 "I 1/0 run start @32400000000\n"
-                 "X 1/2 pid/bps query @32400020000 +350000 answer=code 0 pids=64\n"
-                 "I 1/0 run end: stopped by a signal @32400380000 text=stopped by a signal\n"
-                 "meta 0/0 - cycles=0 decisions=0 problems=0 runs=1\n"});
+    c.push_back(
+        {"query", b.text,
+         "M 1/0 process_name name=zebusrd run 1 (line 1)\n"
+         "I 1/0 run start @32400000000\n"
+         "X 1/2 pid/bps query @32400020000 +350000 answer=code 0 pids=64\n"
+         "I 1/0 run end: stopped by a signal @32400380000 text=stopped by a signal\n"
+         "meta 0/0 - cycles=0 decisions=0 first_stamp=09:00:00.000000 problems=0 runs=1\n"});
     return c;
 }
 
@@ -284,7 +291,8 @@ TEST(Trace, ClockAndCsv) {
                "\nI 1/0 run end: the log ends @" + t2 +
                " text=the log ends\nmeta 0/0 - clock=the log's " + c.substr(0, c.find('=')) +
                " is " + c.substr(c.find('=') + 1) +
-               " s on the system trace's clock cycles=0 decisions=0 problems=0 runs=1\n";
+               " s on the system trace's clock cycles=0 decisions=0 first_stamp=09:00:00.000000 "
+               "problems=0 runs=1\n";
     };
     struct {
         const char *clock;
@@ -312,7 +320,8 @@ TEST(Trace, ClockAndCsv) {
               "time,seq_num,CPU0,CPU1,CPU2,CPU3,CPU4,CPU5,CPU6,CPU7\n09:00:00.000000,1,1,2\n"),
         "M 1/0 process_name name=zebusrd run 1 (line 1)\nI 1/0 run start @32400000000\nI 1/0 "
         "run end: the log ends @32400010000 text=the log ends\nI 1/3 csv line 2: 4 fields "
-        "where a row has 10 @0\nmeta 0/0 - csv_problems=1 cycles=0 decisions=0 problems=0 "
+        "where a row has 10 @0\nmeta 0/0 - csv_problems=1 cycles=0 decisions=0 "
+        "first_stamp=09:00:00.000000 problems=0 "
         "runs=1\n");
 }
 
