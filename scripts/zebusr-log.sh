@@ -18,6 +18,10 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
     echo "configuring $build" >&2
     cmake --preset default -S "$root" -B "$build" \
         -DZEBUSR_BUILD_TESTS=OFF -DZEBUSR_BUILD_BENCH=OFF >/dev/null
+elif ! cmake --build "$build" --target help 2>/dev/null | grep -q 'zebusr-log'; then
+    # A build folder made before the tool existed: its makefiles know no such target.
+    echo "configuring $build again" >&2
+    cmake -S "$root" -B "$build" >/dev/null
 fi
 cmake --build "$build" -j2 --target zebusr-log zebusrd zebusr_preload >/dev/null
 exec "$build/logtool/zebusr-log" "$@"
