@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "log_text.hpp"
 #include "verbs.hpp"
 
 namespace {
@@ -20,12 +21,7 @@ const std::string kDir = std::string(ZEBUSR_TEST_RUN_ROOT) + "/trace_test";
 struct Log {
     explicit Log(uint64_t ms = 9 * 3600000) : ms_(ms) {}
     Log &m(const char *func, const char *level, const std::string &msg) {
-        char b[96];
-        uint64_t t = ms_ % 86400000;
-        std::snprintf(b, sizeof b, " %02u:%02u:%02u.%06u %40s():%3d (%s): ", unsigned(t / 3600000),
-                      unsigned(t / 60000 % 60), unsigned(t / 1000 % 60), unsigned(t % 1000 * 1000),
-                      func, 10, level);
-        text += b + msg + "\n";
+        text += zlog::test::prefix(ms_ * 1000, func, 10, level) + msg + "\n";
         ms_ += 10;
         return *this;
     }
