@@ -139,6 +139,10 @@ TEST(Replay, SimulatedRunsDecideTheSame) {
     for (const auto &e : fs::directory_iterator(fs::path(ZEBUSR_SOURCE_DIR) / "scenarios/stories"))
         scenarios.push_back("stories/" + e.path().filename().string());
     ASSERT_GE(scenarios.size(), 5u);
+    // Failures the log records, served back as faults: lookups refused while
+    // the module is away, throughput answers refused, invalid and too long.
+    scenarios.push_back("faults/family-absent-until-time.json");
+    scenarios.push_back("faults/malformed-throughput.json");
     for (const std::string &s : scenarios) {
         SCOPED_TRACE(s);
         fs::path log = s == "default.json" ? default_log() : live_log(s, fs::path(s).stem());
